@@ -1,0 +1,436 @@
+#include "function.hpp"
+
+#include <structmember.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <new>
+
+namespace agent_skills {
+namespace {
+
+struct FunctionObject {
+    PyObject_HEAD
+    vectorcallfunc vectorcall;
+    const FunctionSpec* spec;
+    PyObject* module;
+    PyObject* name;
+    PyObject* qualname;
+    PyObject* module_name;  // __module__
+    PyObject* doc;
+    PyObject* annotations;  // dict, or null until asked for (as Python functions do)
+    PyObject* defaults;     // tuple or null
+    PyObject* kwdefaults;   // dict or null
+    PyObject* dict;
+    PyObject* weakrefs;
+    PyObject* parameter_names[max_parameters];
+};
+
+FunctionObject* as_function(PyObject* o) { return reinterpret_cast<FunctionObject*>(o); }
+
+int positional_count(const FunctionSpec& spec) {
+    int n = 0;
+    while (n < spec.parameter_count && spec.parameters[n].kind == Kind::positional_or_keyword) ++n;
+    return n;
+}
+
+// --- argument binding, worded as CPython words its own failures --------------------
+
+[[noreturn]] void too_many_positional(FunctionObject* f, Py_ssize_t given, PyObject** slots) {
+    const int argcount = positional_count(*f->spec);
+    Py_ssize_t kwonly_given = 0;
+    for (int i = argcount; i < f->spec->parameter_count; ++i)
+        if (slots[i] != nullptr) ++kwonly_given;
+    const Py_ssize_t defcount = f->defaults ? PyTuple_GET_SIZE(f->defaults) : 0;
+    Ref sig;
+    bool plural;
+    if (defcount) {
+        plural = true;
+        sig = Ref::steal(PyUnicode_FromFormat("from %zd to %d", argcount - defcount, argcount));
+    } else {
+        plural = argcount != 1;
+        sig = Ref::steal(PyUnicode_FromFormat("%d", argcount));
+    }
+    Ref kwonly_sig;
+    if (kwonly_given) {
+        kwonly_sig = Ref::steal(PyUnicode_FromFormat(" positional argument%s (and %zd keyword-only argument%s)",
+                                                     given != 1 ? "s" : "", kwonly_given,
+                                                     kwonly_given != 1 ? "s" : ""));
+    } else {
+        kwonly_sig = str("");
+    }
+    PyErr_Format(PyExc_TypeError, "%U() takes %U positional argument%s but %zd%U %s given", f->qualname,
+                 sig.get(), plural ? "s" : "", given, kwonly_sig.get(),
+                 given == 1 && !kwonly_given ? "was" : "were");
+    raise();
+}
+
+[[noreturn]] void missing_arguments(FunctionObject* f, int start, int end, PyObject** slots, const char* kind) {
+    Ref names = new_list();
+    for (int i = start; i < end; ++i) {
+        if (slots[i] == nullptr) append(names.get(), Ref::steal(PyObject_Repr(f->parameter_names[i])).get());
+    }
+    const Py_ssize_t len = PyList_GET_SIZE(names.get());
+    Ref joined;
+    if (len == 1) {
+        joined = Ref::borrow(PyList_GET_ITEM(names.get(), 0));
+    } else if (len == 2) {
+        joined = Ref::steal(PyUnicode_FromFormat("%U and %U", PyList_GET_ITEM(names.get(), 0),
+                                                 PyList_GET_ITEM(names.get(), 1)));
+    } else {
+        Ref tail = Ref::steal(PyUnicode_FromFormat(", %U, and %U", PyList_GET_ITEM(names.get(), len - 2),
+                                                   PyList_GET_ITEM(names.get(), len - 1)));
+        check(PyList_SetSlice(names.get(), len - 2, len, nullptr));
+        Ref head = Ref::steal(PyUnicode_Join(str(", ").get(), names.get()));
+        joined = Ref::steal(PyUnicode_Concat(head.get(), tail.get()));
+    }
+    PyErr_Format(PyExc_TypeError, "%U() missing %zd required %s argument%s: %U", f->qualname, len, kind,
+                 len == 1 ? "" : "s", joined.get());
+    raise();
+}
+
+int find_parameter(FunctionObject* f, PyObject* keyword) {
+    const int total = f->spec->parameter_count;
+    for (int j = 0; j < total; ++j)
+        if (f->parameter_names[j] == keyword) return j;
+    for (int j = 0; j < total; ++j)
+        if (compare(keyword, f->parameter_names[j], Py_EQ)) return j;
+    return -1;
+}
+
+// Fills one slot per parameter, in the order CPython fills a frame's arguments, so the
+// same call fails with the same error first.
+void bind(FunctionObject* f, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames, PyObject** slots) {
+    const FunctionSpec& spec = *f->spec;
+    const int argcount = positional_count(spec);
+    const Py_ssize_t n = std::min<Py_ssize_t>(nargs, argcount);
+    for (Py_ssize_t i = 0; i < n; ++i) slots[i] = args[i];
+
+    const Py_ssize_t kwcount = kwnames ? PyTuple_GET_SIZE(kwnames) : 0;
+    for (Py_ssize_t k = 0; k < kwcount; ++k) {
+        PyObject* keyword = PyTuple_GET_ITEM(kwnames, k);
+        if (!PyUnicode_Check(keyword)) {
+            PyErr_Format(PyExc_TypeError, "%U() keywords must be strings", f->qualname);
+            raise();
+        }
+        const int j = find_parameter(f, keyword);
+        if (j < 0) {
+            PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", f->qualname, keyword);
+            raise();
+        }
+        if (slots[j] != nullptr) {
+            PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", f->qualname, keyword);
+            raise();
+        }
+        slots[j] = args[nargs + k];
+    }
+
+    if (nargs > argcount) too_many_positional(f, nargs, slots);
+
+    if (nargs < argcount) {
+        const Py_ssize_t defcount = f->defaults ? PyTuple_GET_SIZE(f->defaults) : 0;
+        const Py_ssize_t m = argcount - defcount;
+        for (Py_ssize_t i = nargs; i < m; ++i) {
+            if (slots[i] == nullptr) missing_arguments(f, 0, static_cast<int>(m), slots, "positional");
+        }
+        for (Py_ssize_t i = (n > m ? n - m : 0); i < defcount; ++i) {
+            if (slots[m + i] == nullptr) slots[m + i] = PyTuple_GET_ITEM(f->defaults, i);
+        }
+    }
+
+    for (int i = argcount; i < spec.parameter_count; ++i) {
+        if (slots[i] != nullptr) continue;
+        if (f->kwdefaults != nullptr) {
+            PyObject* value = PyDict_GetItemWithError(f->kwdefaults, f->parameter_names[i]);
+            if (value != nullptr) {
+                slots[i] = value;
+                continue;
+            }
+            if (PyErr_Occurred()) raise();
+        }
+        missing_arguments(f, argcount, spec.parameter_count, slots, "keyword-only");
+    }
+}
+
+PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t nargsf, PyObject* kwnames) {
+    FunctionObject* f = as_function(self);
+    if (Py_EnterRecursiveCall("")) return nullptr;
+    PyObject* result = nullptr;
+    try {
+        // The defaults and the module stay alive for the call even if a body rebinds them.
+        Ref keep_defaults = Ref::borrow(f->defaults);
+        Ref keep_kwdefaults = Ref::borrow(f->kwdefaults);
+        Ref keep_module = Ref::borrow(f->module);
+        PyObject* slots[max_parameters] = {};
+        bind(f, args, PyVectorcall_NARGS(nargsf), kwnames, slots);
+        Context cx(f->module);
+        result = f->spec->body(cx, slots).release();
+    } catch (const PythonError&) {
+        result = nullptr;
+    } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();
+        result = nullptr;
+    } catch (...) {
+        PyErr_SetString(PyExc_SystemError, "unexpected C++ exception in agent_skills");
+        result = nullptr;
+    }
+    Py_LeaveRecursiveCall();
+    return result;
+}
+
+// --- attributes ---------------------------------------------------------------------
+
+PyObject* get_name(PyObject* self, void*) { return Py_NewRef(as_function(self)->name); }
+PyObject* get_qualname(PyObject* self, void*) { return Py_NewRef(as_function(self)->qualname); }
+
+int set_text(PyObject*& field, PyObject* value, const char* what) {
+    if (value == nullptr || !PyUnicode_Check(value)) {
+        PyErr_Format(PyExc_TypeError, "%s must be set to a string object", what);
+        return -1;
+    }
+    Py_XSETREF(field, Py_NewRef(value));
+    return 0;
+}
+int set_name(PyObject* self, PyObject* value, void*) { return set_text(as_function(self)->name, value, "__name__"); }
+int set_qualname(PyObject* self, PyObject* value, void*) {
+    return set_text(as_function(self)->qualname, value, "__qualname__");
+}
+
+// None stands for "absent", as for Python functions.
+template <int (*Check)(PyObject*)>
+int set_optional(PyObject*& field, PyObject* value, const char* message) {
+    if (value == Py_None) value = nullptr;
+    if (value != nullptr && !Check(value)) {
+        PyErr_SetString(PyExc_TypeError, message);
+        return -1;
+    }
+    Py_XSETREF(field, Py_XNewRef(value));
+    return 0;
+}
+
+int tuple_check(PyObject* o) { return PyTuple_Check(o); }
+int dict_check(PyObject* o) { return PyDict_Check(o); }
+
+PyObject* get_defaults(PyObject* self, void*) {
+    PyObject* d = as_function(self)->defaults;
+    return Py_NewRef(d ? d : Py_None);
+}
+int set_defaults(PyObject* self, PyObject* value, void*) {
+    return set_optional<tuple_check>(as_function(self)->defaults, value, "__defaults__ must be set to a tuple object");
+}
+PyObject* get_kwdefaults(PyObject* self, void*) {
+    PyObject* d = as_function(self)->kwdefaults;
+    return Py_NewRef(d ? d : Py_None);
+}
+int set_kwdefaults(PyObject* self, PyObject* value, void*) {
+    return set_optional<dict_check>(as_function(self)->kwdefaults, value,
+                                    "__kwdefaults__ must be set to a dict object");
+}
+PyObject* get_annotations(PyObject* self, void*) {
+    FunctionObject* f = as_function(self);
+    if (f->annotations == nullptr) {
+        f->annotations = PyDict_New();
+        if (f->annotations == nullptr) return nullptr;
+    }
+    return Py_NewRef(f->annotations);
+}
+int set_annotations(PyObject* self, PyObject* value, void*) {
+    return set_optional<dict_check>(as_function(self)->annotations, value,
+                                    "__annotations__ must be set to a dict object");
+}
+PyObject* get_globals(PyObject* self, void*) { return Py_NewRef(PyModule_GetDict(as_function(self)->module)); }
+
+// inspect.Signature of the function as it stands now: its current defaults and
+// annotations, so a rebound __defaults__ shows as it does for a Python function.
+PyObject* get_signature(PyObject* self, void*) {
+    FunctionObject* f = as_function(self);
+    try {
+        Ref inspect = Ref::steal(PyImport_ImportModule("inspect"));
+        Ref parameter_type = getattr(inspect.get(), str("Parameter").get());
+        Ref signature_type = getattr(inspect.get(), str("Signature").get());
+        Ref empty = getattr(parameter_type.get(), str("empty").get());
+        Ref positional = getattr(parameter_type.get(), str("POSITIONAL_OR_KEYWORD").get());
+        Ref keyword_only = getattr(parameter_type.get(), str("KEYWORD_ONLY").get());
+        Ref annotations = Ref::steal(get_annotations(self, nullptr));
+        Ref kwnames = Ref::steal(Py_BuildValue("(ss)", "default", "annotation"));
+
+        const FunctionSpec& spec = *f->spec;
+        const int argcount = positional_count(spec);
+        const Py_ssize_t defcount = f->defaults ? PyTuple_GET_SIZE(f->defaults) : 0;
+        Ref parameters = new_list();
+        for (int i = 0; i < spec.parameter_count; ++i) {
+            PyObject* name = f->parameter_names[i];
+            PyObject* fallback = nullptr;
+            if (i < argcount) {
+                const Py_ssize_t d = i - (argcount - defcount);
+                if (d >= 0 && d < defcount) fallback = PyTuple_GET_ITEM(f->defaults, d);
+            } else if (f->kwdefaults) {
+                fallback = PyDict_GetItemWithError(f->kwdefaults, name);
+                if (fallback == nullptr && PyErr_Occurred()) raise();
+            }
+            PyObject* annotation = PyDict_GetItemWithError(annotations.get(), name);
+            if (annotation == nullptr && PyErr_Occurred()) raise();
+            PyObject* kind = i < argcount ? positional.get() : keyword_only.get();
+            append(parameters.get(), call(parameter_type.get(),
+                                          {name, kind, fallback ? fallback : empty.get(),
+                                           annotation ? annotation : empty.get()},
+                                          kwnames.get())
+                                         .get());
+        }
+        PyObject* returns = PyDict_GetItemWithError(annotations.get(), str("return").get());
+        if (returns == nullptr && PyErr_Occurred()) raise();
+        Ref kw_return = Ref::steal(Py_BuildValue("(s)", "return_annotation"));
+        return call(signature_type.get(), {parameters.get(), returns ? returns : empty.get()}, kw_return.get())
+            .release();
+    } catch (const PythonError&) {
+        return nullptr;
+    }
+}
+
+PyObject* function_reduce(PyObject* self, PyObject*) { return Py_NewRef(as_function(self)->qualname); }
+
+PyObject* function_repr(PyObject* self) {
+    return PyUnicode_FromFormat("<function %U at %p>", as_function(self)->qualname, self);
+}
+
+PyObject* function_descr_get(PyObject* self, PyObject* obj, PyObject*) {
+    if (obj == nullptr || obj == Py_None) return Py_NewRef(self);
+    return PyMethod_New(self, obj);
+}
+
+int function_traverse(PyObject* self, visitproc visit, void* arg) {
+    FunctionObject* f = as_function(self);
+    Py_VISIT(Py_TYPE(self));
+    Py_VISIT(f->module);
+    Py_VISIT(f->name);
+    Py_VISIT(f->qualname);
+    Py_VISIT(f->module_name);
+    Py_VISIT(f->doc);
+    Py_VISIT(f->annotations);
+    Py_VISIT(f->defaults);
+    Py_VISIT(f->kwdefaults);
+    Py_VISIT(f->dict);
+    return 0;
+}
+
+int function_clear(PyObject* self) {
+    FunctionObject* f = as_function(self);
+    Py_CLEAR(f->module);
+    Py_CLEAR(f->module_name);
+    Py_CLEAR(f->doc);
+    Py_CLEAR(f->annotations);
+    Py_CLEAR(f->defaults);
+    Py_CLEAR(f->kwdefaults);
+    Py_CLEAR(f->dict);
+    return 0;
+}
+
+void function_dealloc(PyObject* self) {
+    FunctionObject* f = as_function(self);
+    PyTypeObject* type = Py_TYPE(self);
+    PyObject_GC_UnTrack(self);
+    if (f->weakrefs != nullptr) PyObject_ClearWeakRefs(self);
+    function_clear(self);
+    Py_CLEAR(f->name);
+    Py_CLEAR(f->qualname);
+    for (PyObject*& p : f->parameter_names) Py_CLEAR(p);
+    type->tp_free(self);
+    Py_DECREF(type);
+}
+
+PyGetSetDef function_getset[] = {
+    {"__name__", get_name, set_name, nullptr, nullptr},
+    {"__qualname__", get_qualname, set_qualname, nullptr, nullptr},
+    {"__defaults__", get_defaults, set_defaults, nullptr, nullptr},
+    {"__kwdefaults__", get_kwdefaults, set_kwdefaults, nullptr, nullptr},
+    {"__annotations__", get_annotations, set_annotations, nullptr, nullptr},
+    {"__globals__", get_globals, nullptr, nullptr, nullptr},
+    {"__signature__", get_signature, nullptr, nullptr, nullptr},
+    {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+PyMemberDef function_members[] = {
+    {"__vectorcalloffset__", T_PYSSIZET, offsetof(FunctionObject, vectorcall), READONLY, nullptr},
+    {"__dictoffset__", T_PYSSIZET, offsetof(FunctionObject, dict), READONLY, nullptr},
+    {"__weaklistoffset__", T_PYSSIZET, offsetof(FunctionObject, weakrefs), READONLY, nullptr},
+    {"__doc__", T_OBJECT, offsetof(FunctionObject, doc), 0, nullptr},
+    {"__module__", T_OBJECT, offsetof(FunctionObject, module_name), 0, nullptr},
+    {nullptr, 0, 0, 0, nullptr},
+};
+
+PyMethodDef function_methods[] = {
+    {"__reduce__", function_reduce, METH_NOARGS, nullptr},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+PyType_Slot function_slots[] = {
+    {Py_tp_call, reinterpret_cast<void*>(PyVectorcall_Call)},
+    {Py_tp_descr_get, reinterpret_cast<void*>(function_descr_get)},
+    {Py_tp_repr, reinterpret_cast<void*>(function_repr)},
+    {Py_tp_traverse, reinterpret_cast<void*>(function_traverse)},
+    {Py_tp_clear, reinterpret_cast<void*>(function_clear)},
+    {Py_tp_dealloc, reinterpret_cast<void*>(function_dealloc)},
+    {Py_tp_getset, function_getset},
+    {Py_tp_members, function_members},
+    {Py_tp_methods, function_methods},
+    {0, nullptr},
+};
+
+PyType_Spec function_spec = {
+    "function",
+    sizeof(FunctionObject),
+    0,
+    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL | Py_TPFLAGS_METHOD_DESCRIPTOR |
+        Py_TPFLAGS_IMMUTABLETYPE | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+    function_slots,
+};
+
+}  // namespace
+
+PyTypeObject* make_function_type(PyObject* module) {
+    return reinterpret_cast<PyTypeObject*>(PyType_FromModuleAndSpec(module, &function_spec, nullptr));
+}
+
+Ref make_function(PyObject* module, const FunctionSpec& spec) {
+    State& st = state_of(module);
+    Ref annotations = Ref::steal(PyDict_New());
+    Ref defaults_list = new_list();
+    for (int i = 0; i < spec.parameter_count; ++i) {
+        const Parameter& p = spec.parameters[i];
+        if (p.annotation) check(PyDict_SetItemString(annotations.get(), p.name, str(p.annotation).get()));
+        if (p.default_text) append(defaults_list.get(), str(p.default_text).get());
+    }
+    check(PyDict_SetItemString(annotations.get(), "return", str(spec.returns).get()));
+    Ref name = str(spec.name);
+    Ref qualname = str(spec.qualname);
+    Ref doc = str(spec.doc);
+    Ref module_name = Ref::steal(PyModule_GetNameObject(module));
+    Ref defaults;
+    if (PyList_GET_SIZE(defaults_list.get()) > 0) defaults = Ref::steal(PyList_AsTuple(defaults_list.get()));
+
+    auto* f = PyObject_GC_New(FunctionObject, st.function_type);
+    if (f == nullptr) raise();
+    f->vectorcall = function_vectorcall;
+    f->spec = &spec;
+    f->module = Py_NewRef(module);
+    f->name = name.release();
+    f->qualname = qualname.release();
+    f->module_name = module_name.release();
+    f->doc = doc.release();
+    f->annotations = annotations.release();
+    f->defaults = defaults.release();
+    f->kwdefaults = nullptr;
+    f->dict = nullptr;
+    f->weakrefs = nullptr;
+    for (PyObject*& p : f->parameter_names) p = nullptr;
+    Ref result = Ref::steal(reinterpret_cast<PyObject*>(f));
+    for (int i = 0; i < spec.parameter_count; ++i) {
+        f->parameter_names[i] = PyUnicode_InternFromString(spec.parameters[i].name);
+        if (f->parameter_names[i] == nullptr) raise();
+    }
+    PyObject_GC_Track(result.get());
+    return result;
+}
+
+}  // namespace agent_skills

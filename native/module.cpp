@@ -1,0 +1,396 @@
+// Entry point and the execution step: binds every name of the module, in the order a
+// Python source of the module would bind them.
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "functions.hpp"
+
+namespace agent_skills {
+
+State& state_of(PyObject* module) { return *static_cast<State*>(PyModule_GetState(module)); }
+
+Context::Context(PyObject* module)
+    : module_(module), dict_(PyModule_GetDict(module)), state_(&state_of(module)) {}
+
+Ref Context::global(Name n) const {
+    PyObject* key = name(n);
+    PyObject* value = PyDict_GetItemWithError(dict_, key);
+    if (value != nullptr) return Ref::borrow(value);
+    if (PyErr_Occurred()) raise();
+    PyObject* builtins = PyEval_GetBuiltins();
+    if (builtins != nullptr) {
+        value = PyDict_GetItemWithError(builtins, key);
+        if (value != nullptr) return Ref::borrow(value);
+        if (PyErr_Occurred()) raise();
+    }
+    PyErr_Format(PyExc_NameError, "name '%U' is not defined", key);
+    CaughtError error;
+    if (error.value() != nullptr) PyObject_SetAttrString(error.value(), "name", key);
+    PyErr_Clear();  // a failure to set the attribute must not hide the NameError
+    error.restore();
+}
+
+PyObject* Context::peek(Name n) const noexcept {
+    PyObject* value = PyDict_GetItemWithError(dict_, name(n));
+    if (value == nullptr) PyErr_Clear();
+    return value;
+}
+
+namespace {
+
+constexpr const char* module_doc =
+    "Where agents read the lumeno skills, and which installed copies are older than the package.\n"
+    "\n"
+    "Shared by the installer (``setup.skill``) and the ``status`` check, which may not import the\n"
+    "installer: the names of the embedded skills, the skills directories of each agent, the choice of\n"
+    "the directories an install writes, and the read of the version a ``SKILL.md`` is stamped with.\n"
+    "Standard library only; reads files, writes none.\n";
+
+// The bound-name writer of the execution step.
+class Namespace {
+public:
+    explicit Namespace(PyObject* module) : module_(module), dict_(PyModule_GetDict(module)) {}
+    void bind(const char* name, PyObject* value) const { check(PyDict_SetItemString(dict_, name, value)); }
+    void bind(const char* name, const Ref& value) const { bind(name, value.get()); }
+    Ref lookup(const char* name) const {
+        PyObject* value = PyDict_GetItemString(dict_, name);
+        if (value == nullptr) {
+            PyErr_Format(PyExc_NameError, "name '%s' is not defined", name);
+            raise();
+        }
+        return Ref::borrow(value);
+    }
+    void annotate(const char* name, const char* annotation) const {
+        check(PyObject_SetItem(lookup("__annotations__").get(), str(name).get(), str(annotation).get()));
+    }
+    void bind_function(const FunctionSpec& spec) const { bind(spec.name, make_function(module_, spec)); }
+    PyObject* dict() const noexcept { return dict_; }
+
+private:
+    PyObject* module_;
+    PyObject* dict_;
+};
+
+// `from <module> import <name>`, failing as the interpreter's IMPORT_FROM fails.
+Ref import_from(const Namespace& ns, const char* module_name, const char* name) {
+    Ref name_obj = str(name);
+    Ref fromlist = Ref::steal(PyTuple_Pack(1, name_obj.get()));
+    Ref module = Ref::steal(
+        PyImport_ImportModuleLevelObject(str(module_name).get(), ns.dict(), nullptr, fromlist.get(), 0));
+    PyObject* value = PyObject_GetAttr(module.get(), name_obj.get());
+    if (value != nullptr) return Ref::steal(value);
+    if (!PyErr_ExceptionMatches(PyExc_AttributeError)) raise();
+    PyErr_Clear();
+    // A submodule that a circular import has not yet bound on its package.
+    Ref package_name = Ref::steal_or_null(PyObject_GetAttrString(module.get(), "__name__"));
+    if (package_name && PyUnicode_Check(package_name.get())) {
+        Ref full = Ref::steal(PyUnicode_FromFormat("%U.%U", package_name.get(), name_obj.get()));
+        PyObject* submodule = PyImport_GetModule(full.get());
+        if (submodule != nullptr) return Ref::steal(submodule);
+        if (PyErr_Occurred()) raise();
+    } else {
+        package_name = Ref();
+    }
+    PyErr_Clear();
+    Ref path = Ref::steal_or_null(PyModule_GetFilenameObject(module.get()));
+    Ref shown = package_name ? Ref::borrow(package_name.get()) : str("<unknown module name>");
+    if (!path || !PyUnicode_Check(path.get())) {
+        PyErr_Clear();
+        Ref message = Ref::steal(
+            PyUnicode_FromFormat("cannot import name %R from %R (unknown location)", name_obj.get(), shown.get()));
+        PyErr_SetImportError(message.get(), package_name.get(), nullptr);
+    } else {
+        Ref spec = Ref::steal_or_null(PyObject_GetAttrString(module.get(), "__spec__"));
+        bool initializing = false;
+        if (spec) {
+            Ref flag = Ref::steal_or_null(PyObject_GetAttrString(spec.get(), "_initializing"));
+            initializing = flag && PyObject_IsTrue(flag.get()) > 0;
+        }
+        PyErr_Clear();
+        const char* format = initializing ? "cannot import name %R from partially initialized module %R "
+                                            "(most likely due to a circular import) (%S)"
+                                          : "cannot import name %R from %R (%S)";
+        Ref message = Ref::steal(PyUnicode_FromFormat(format, name_obj.get(), shown.get(), path.get()));
+        PyErr_SetImportError(message.get(), package_name.get(), path.get());
+    }
+    raise();
+}
+
+Ref import_module(const Namespace& ns, const char* name) {
+    return Ref::steal(PyImport_ImportModuleLevelObject(str(name).get(), ns.dict(), nullptr, nullptr, 0));
+}
+
+Ref tuple_of_texts(std::initializer_list<const char*> texts) {
+    Ref t = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(texts.size())));
+    Py_ssize_t i = 0;
+    for (const char* text : texts) PyTuple_SET_ITEM(t.get(), i++, str(text).release());
+    return t;
+}
+
+Ref compile_pattern(const Namespace& ns, const char* pattern, const char* flag) {
+    Ref re = ns.lookup("re");
+    Ref compile = getattr(re.get(), str("compile").get());
+    if (flag == nullptr) return call(compile.get(), {str(pattern).get()});
+    Ref flags = getattr(re.get(), str(flag).get());
+    return call(compile.get(), {str(pattern).get(), flags.get()});
+}
+
+void intern_state(PyObject* module, State& st) {
+    static const char* const names[] = {
+#define AGENT_SKILLS_TEXT(n) #n,
+        AGENT_SKILLS_NAMES(AGENT_SKILLS_TEXT)
+#undef AGENT_SKILLS_TEXT
+    };
+    for (int i = 0; i < static_cast<int>(Name::count); ++i) {
+        st.names[i] = PyUnicode_InternFromString(names[i]);
+        if (st.names[i] == nullptr) raise();
+    }
+    auto text = [](const char* s) {
+        PyObject* o = PyUnicode_InternFromString(s);
+        if (o == nullptr) raise();
+        return o;
+    };
+    st.text_user = text("user");
+    st.text_project = text("project");
+    st.text_rb = text("rb");
+    st.text_utf8 = text("utf-8");
+    st.text_replace = text("replace");
+    st.text_empty = text("");
+    st.text_dot = text(".");
+    st.text_home_directory = text("the home directory");
+    st.text_unreadable_message = text("Cannot read %s to compare the installed skills with the package");
+    st.kw_strict = PyTuple_Pack(1, st.names[static_cast<int>(Name::strict)]);
+    if (st.kw_strict == nullptr) raise();
+    st.kw_exc_info = PyTuple_Pack(1, st.names[static_cast<int>(Name::exc_info)]);
+    if (st.kw_exc_info == nullptr) raise();
+    st.function_type = make_function_type(module);
+    if (st.function_type == nullptr) raise();
+}
+
+void exec_module(PyObject* module) {
+    State& st = state_of(module);
+    intern_state(module, st);
+    Namespace ns(module);
+
+    // 1. Standard attributes.
+    ns.bind("__doc__", str(module_doc));
+    Ref name = ns.lookup("__name__");
+    Ref parts = Ref::steal(PyUnicode_RPartition(name.get(), str(".").get()));
+    ns.bind("__package__", PyTuple_GET_ITEM(parts.get(), 0));
+    ns.bind("__annotations__", Ref::steal(PyDict_New()));
+
+    // 2. Imports, as the host's own objects.
+    ns.bind("itertools", import_module(ns, "itertools"));
+    ns.bind("logging", import_module(ns, "logging"));
+    ns.bind("re", import_module(ns, "re"));
+    ns.bind("Iterable", import_from(ns, "collections.abc", "Iterable"));
+    ns.bind("Path", import_from(ns, "pathlib", "Path"));
+    ns.bind("NamedTuple", import_from(ns, "typing", "NamedTuple"));
+    ns.bind("__version__", import_from(ns, "zobek_lumeno", "__version__"));
+
+    // 3. The logger named after the module.
+    Ref get_logger = getattr(ns.lookup("logging").get(), str("getLogger").get());
+    ns.bind("logger", call(get_logger.get(), {ns.lookup("__name__").get()}));
+
+    // 4. Constants.
+    ns.bind("SKILL_DIR_NAME", str("lumeno"));
+    ns.bind("MAP_SKILL_DIR_NAME", str("lumeno-map"));
+    ns.bind("WIKI_SKILL_DIR_NAME", str("lumeno-wiki"));
+    {
+        Ref names = Ref::steal(PyTuple_New(3));
+        const char* sources[] = {"SKILL_DIR_NAME", "MAP_SKILL_DIR_NAME", "WIKI_SKILL_DIR_NAME"};
+        for (Py_ssize_t i = 0; i < 3; ++i) PyTuple_SET_ITEM(names.get(), i, ns.lookup(sources[i]).release());
+        ns.bind("SKILL_NAMES", names);
+        ns.annotate("SKILL_NAMES", "tuple[str, ...]");
+    }
+    ns.bind("SKILL_FILE", str("SKILL.md"));
+    ns.bind("STAMP_HEAD_BYTES", Ref::steal(PyLong_FromLong(2048)));
+    ns.bind("_VERSION_RE", compile_pattern(ns, R"(^version:\s*([0-9][\w.\-]*)\s*$)", "MULTILINE"));
+    ns.bind("DEFAULT_AGENTS", tuple_of_texts({"claude"}));
+
+    // 5. The agent table.
+    ns.bind("SkillRoots", make_skill_roots(module));
+    ns.bind("AGENT_SKILL_ROOTS", make_agent_skill_roots(ns.lookup("SkillRoots").get()));
+    ns.annotate("AGENT_SKILL_ROOTS", "dict[str, SkillRoots]");
+
+    // 6. Search limit, score type, report state, shell words.
+    ns.bind("_EXHAUSTIVE_SEARCH_LIMIT", Ref::steal(PyLong_FromLong(12)));
+    {
+        PyObject* tuple_type = reinterpret_cast<PyObject*>(&PyTuple_Type);
+        PyObject* int_type = reinterpret_cast<PyObject*>(&PyLong_Type);
+        Ref texts_args = Ref::steal(PyTuple_Pack(2, reinterpret_cast<PyObject*>(&PyUnicode_Type), Py_Ellipsis));
+        Ref texts = Ref::steal(Py_GenericAlias(tuple_type, texts_args.get()));
+        Ref score_args = Ref::steal(PyTuple_Pack(4, int_type, int_type, int_type, texts.get()));
+        ns.bind("_Score", Ref::steal(Py_GenericAlias(tuple_type, score_args.get())));
+    }
+    ns.bind("_UNREADABLE", Ref::steal(PySet_New(nullptr)));
+    ns.annotate("_UNREADABLE", "set[str]");
+    ns.bind("_PLAIN_WORD", compile_pattern(ns, R"([\w./:+-]+)", nullptr));
+
+    // 7. Functions and the report record.
+    ns.bind_function(skill_capable_agents_function);
+    ns.bind_function(agent_roots_function);
+    ns.bind_function(read_roots_function);
+    ns.bind_function(score_function);
+    ns.bind_function(resolve_skill_dirs_function);
+    ns.bind_function(read_stamp_function);
+    ns.bind_function(version_tuple_function);
+    ns.bind_function(inside_root_function);
+    ns.bind("InstalledSkill", make_installed_skill(module));
+    ns.bind_function(installed_skill_versions_function);
+    ns.bind_function(stamps_in_function);
+    ns.bind_function(stamp_inside_function);
+    ns.bind_function(say_unreadable_function);
+    ns.bind_function(update_command_function);
+    ns.bind_function(shell_word_function);
+
+    // What the fast paths compare against: the objects as first bound.
+    st.own_score = ns.lookup("_score").release();
+    st.own_combinations = getattr(ns.lookup("itertools").get(), st.names[static_cast<int>(Name::combinations)]).release();
+}
+
+// The class statement `class <name>(NamedTuple): ...` of the module: bases resolved
+// through __mro_entries__, the metaclass's namespace filled in the order the compiler
+// fills a class body, then the metaclass called.
+Ref build_class(PyObject* module, const char* name, PyObject* base, const char* doc,
+                std::initializer_list<Field> fields,
+                std::initializer_list<std::pair<const char*, PyObject*>> members) {
+    Namespace globals(module);
+    Ref name_obj = str(name);
+    Ref bases = Ref::steal(PyTuple_Pack(1, base));
+    Ref resolved = Ref::borrow(bases.get());
+    if (!PyType_Check(base)) {
+        Ref entries = Ref::steal_or_null(PyObject_GetAttrString(base, "__mro_entries__"));
+        if (entries) {
+            resolved = call(entries.get(), {bases.get()});
+            if (!PyTuple_Check(resolved.get())) {
+                PyErr_SetString(PyExc_TypeError, "__mro_entries__ must return a tuple");
+                raise();
+            }
+        } else if (PyErr_ExceptionMatches(PyExc_AttributeError)) {
+            PyErr_Clear();
+        } else {
+            raise();
+        }
+    }
+    PyObject* meta = reinterpret_cast<PyObject*>(&PyType_Type);
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(resolved.get()); ++i) {
+        PyObject* candidate = reinterpret_cast<PyObject*>(Py_TYPE(PyTuple_GET_ITEM(resolved.get(), i)));
+        if (PyType_IsSubtype(reinterpret_cast<PyTypeObject*>(candidate), reinterpret_cast<PyTypeObject*>(meta)))
+            meta = candidate;
+    }
+    Ref prepare = getattr(meta, str("__prepare__").get());
+    Ref body = call(prepare.get(), {name_obj.get(), resolved.get()});
+    PyObject* ns = body.get();
+    check(PyObject_SetItem(ns, str("__module__").get(), globals.lookup("__name__").get()));
+    check(PyObject_SetItem(ns, str("__qualname__").get(), name_obj.get()));
+    Ref annotations = Ref::steal(PyDict_New());
+    check(PyObject_SetItem(ns, str("__annotations__").get(), annotations.get()));
+    check(PyObject_SetItem(ns, str("__doc__").get(), str(doc).get()));
+    for (const Field& field : fields)
+        check(PyObject_SetItem(annotations.get(), str(field.name).get(), str(field.annotation).get()));
+    for (const auto& [member, value] : members) check(PyObject_SetItem(ns, str(member).get(), value));
+    if (resolved.get() != bases.get()) check(PyObject_SetItem(ns, str("__orig_bases__").get(), bases.get()));
+    return call(meta, {name_obj.get(), resolved.get(), ns});
+}
+
+// A failed execution step must leave nothing registered, so a later import starts afresh.
+void unregister(PyObject* module) {
+    PyObject* type, *value, *tb;
+    PyErr_Fetch(&type, &value, &tb);
+    PyObject* name = PyModule_GetNameObject(module);
+    PyObject* modules = PyImport_GetModuleDict();
+    if (name != nullptr && modules != nullptr) {
+        PyObject* registered = PyDict_GetItemWithError(modules, name);
+        if (registered == module) PyDict_DelItem(modules, name);
+    }
+    Py_XDECREF(name);
+    PyErr_Clear();
+    PyErr_Restore(type, value, tb);
+}
+
+int module_exec(PyObject* module) {
+    try {
+        exec_module(module);
+        return 0;
+    } catch (const PythonError&) {
+    } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();
+    }
+    unregister(module);
+    return -1;
+}
+
+int module_traverse(PyObject* module, visitproc visit, void* arg) {
+    State* st = static_cast<State*>(PyModule_GetState(module));
+    if (st == nullptr) return 0;
+    Py_VISIT(st->function_type);
+    Py_VISIT(st->own_score);
+    Py_VISIT(st->own_combinations);
+    return 0;
+}
+
+int module_clear(PyObject* module) {
+    State* st = static_cast<State*>(PyModule_GetState(module));
+    if (st == nullptr) return 0;
+    Py_CLEAR(st->function_type);
+    Py_CLEAR(st->own_score);
+    Py_CLEAR(st->own_combinations);
+    return 0;
+}
+
+void module_free(void* module) {
+    PyObject* m = static_cast<PyObject*>(module);
+    module_clear(m);
+    State* st = static_cast<State*>(PyModule_GetState(m));
+    if (st == nullptr) return;
+    for (PyObject*& n : st->names) Py_CLEAR(n);
+    for (PyObject** p : {&st->text_user, &st->text_project, &st->text_rb, &st->text_utf8, &st->text_replace,
+                         &st->text_empty, &st->text_dot, &st->text_home_directory, &st->text_unreadable_message,
+                         &st->kw_strict, &st->kw_exc_info})
+        Py_CLEAR(*p);
+}
+
+PyModuleDef_Slot module_slots[] = {
+    {Py_mod_exec, reinterpret_cast<void*>(module_exec)},
+    {0, nullptr},
+};
+
+std::string& module_name() {
+    static std::string name = "agent_skills";
+    return name;
+}
+
+PyModuleDef module_def = {
+    PyModuleDef_HEAD_INIT,
+    nullptr,  // set from the import's package context in the entry point
+    nullptr,  // the execution step binds __doc__ in its place in the order
+    sizeof(State),
+    nullptr,
+    module_slots,
+    module_traverse,
+    module_clear,
+    module_free,
+};
+
+}  // namespace
+
+Ref make_record_type(PyObject* module, const char* name, const char* doc, std::initializer_list<Field> fields,
+                     std::initializer_list<std::pair<const char*, PyObject*>> members) {
+    Ref base = Namespace(module).lookup("NamedTuple");
+    return build_class(module, name, base.get(), doc, fields, members);
+}
+
+}  // namespace agent_skills
+
+extern "C" PyMODINIT_FUNC PyInit_agent_skills() {
+    using namespace agent_skills;
+    // The interpreter names the module it is loading; keep the full dotted name.
+    if (module_def.m_name == nullptr) {
+        if (_Py_PackageContext != nullptr && std::strrchr(_Py_PackageContext, '.') != nullptr)
+            module_name() = _Py_PackageContext;
+        module_def.m_name = module_name().c_str();
+    }
+    return PyModuleDef_Init(&module_def);
+}

@@ -1,0 +1,382 @@
+// Version stamps: the head of a SKILL.md, version keys, resolution that refuses links out
+// of a skills directory, and the scan of one directory that turns failures into None.
+#include <cstdint>
+#include <map>
+#include <vector>
+
+#include "functions.hpp"
+
+namespace agent_skills {
+namespace {
+
+// --- `with manager as value: body(value)` -------------------------------------------
+
+// A special method as the interpreter finds it: on the type, bound to the instance.
+Ref lookup_special(PyObject* obj, const char* name) {
+    Ref key = str(name);
+    PyObject* found = _PyType_Lookup(Py_TYPE(obj), key.get());
+    if (found == nullptr) return Ref();
+    descrgetfunc get = Py_TYPE(found)->tp_descr_get;
+    if (get == nullptr) return Ref::borrow(found);
+    return Ref::steal(get(found, obj, reinterpret_cast<PyObject*>(Py_TYPE(obj))));
+}
+
+// Runs body(value) inside the manager's context; an empty Ref means the manager
+// suppressed the body's exception.
+template <class Body>
+Ref with_context(PyObject* manager, Body body) {
+    Ref enter = lookup_special(manager, "__enter__");
+    if (!enter) {
+        PyErr_Format(PyExc_TypeError, "'%.200s' object does not support the context manager protocol",
+                     Py_TYPE(manager)->tp_name);
+        raise();
+    }
+    Ref exit = lookup_special(manager, "__exit__");
+    if (!exit) {
+        PyErr_Format(PyExc_TypeError,
+                     "'%.200s' object does not support the context manager protocol (missed __exit__ method)",
+                     Py_TYPE(manager)->tp_name);
+        raise();
+    }
+    Ref value = call(enter.get(), {});
+    Ref result;
+    try {
+        result = body(value.get());
+    } catch (const PythonError&) {
+        CaughtError error;
+        bool suppress;
+        {
+            Handling handling(error.value());
+            PyObject* value_obj = error.value();
+            PyObject* type_obj = reinterpret_cast<PyObject*>(Py_TYPE(value_obj));
+            PyObject* tb = PyException_GetTraceback(value_obj);
+            Ref tb_ref = Ref::steal_or_null(tb);
+            Ref answer = call(exit.get(), {type_obj, value_obj, tb ? tb : Py_None});
+            suppress = truthy(answer.get());
+        }
+        if (!suppress) error.restore();
+        return Ref();
+    }
+    call(exit.get(), {Py_None, Py_None, Py_None});
+    return result;
+}
+
+// --- read_stamp ----------------------------------------------------------------------
+
+Ref read_stamp(const Context& cx, PyObject* const* args) {
+    const State& st = cx.state();
+    Ref file = call_method(args[0], cx.name(Name::open), {st.text_rb});
+    Ref head = with_context(file.get(), [&](PyObject* handle) {
+        Ref size = cx.global(Name::STAMP_HEAD_BYTES);
+        return call_method(handle, cx.name(Name::read), {size.get()});
+    });
+    if (!head) {
+        PyErr_SetString(PyExc_UnboundLocalError,
+                        "cannot access local variable 'head' where it is not associated with a value");
+        raise();
+    }
+    Ref text = PyBytes_CheckExact(head.get())
+                   ? Ref::steal(PyUnicode_DecodeUTF8(PyBytes_AS_STRING(head.get()), PyBytes_GET_SIZE(head.get()),
+                                                     "replace"))
+                   : call_method(head.get(), cx.name(Name::decode), {st.text_utf8, st.text_replace});
+    const Py_ssize_t length = PyObject_Size(head.get());
+    if (length < 0) raise();
+    Ref length_obj = Ref::steal(PyLong_FromSsize_t(length));
+    if (compare(length_obj.get(), cx.global(Name::STAMP_HEAD_BYTES).get(), Py_EQ)) {
+        // The head may have cut its last line: keep only whole lines.
+        if (PyUnicode_CheckExact(text.get())) {
+            const Py_ssize_t end = PyUnicode_GET_LENGTH(text.get());
+            const Py_ssize_t last = PyUnicode_FindChar(text.get(), '\n', 0, end, -1);
+            if (last == -2) raise();
+            text = Ref::steal(PyUnicode_Substring(text.get(), 0, last + 1));
+        } else {
+            Ref newline = str("\n");
+            Ref found = call_method(text.get(), str("rfind").get(), {newline.get()});
+            Ref stop = Ref::steal(PyNumber_Add(found.get(), Ref::steal(PyLong_FromLong(1)).get()));
+            Ref cut = Ref::steal(PySlice_New(nullptr, stop.get(), nullptr));
+            text = Ref::steal(PyObject_GetItem(text.get(), cut.get()));
+        }
+    }
+    Ref pattern = cx.global(Name::_VERSION_RE);
+    Ref match = call_method(pattern.get(), cx.name(Name::search), {text.get()});
+    if (match.get() == Py_None) return match;
+    Ref one = Ref::steal(PyLong_FromLong(1));
+    return call_method(match.get(), cx.name(Name::group), {one.get()});
+}
+
+// --- version_tuple -------------------------------------------------------------------
+
+// The exact value of a run of decimal digits of any length, without the host's limit on
+// converting long texts: 18-digit chunks joined by halves, so the work is that of a few
+// big multiplications rather than quadratic.
+class DigitRun {
+public:
+    explicit DigitRun(std::vector<std::uint8_t> digits) : digits_(std::move(digits)) {}
+    Ref value() { return convert(0, digits_.size()); }
+
+private:
+    static constexpr size_t chunk = 18;
+
+    Ref convert(size_t begin, size_t end) {
+        if (end - begin <= chunk) {
+            unsigned long long v = 0;
+            for (size_t i = begin; i < end; ++i) v = v * 10 + digits_[i];
+            return Ref::steal(PyLong_FromUnsignedLongLong(v));
+        }
+        const size_t low_length = (end - begin) / 2;
+        Ref high = convert(begin, end - low_length);
+        Ref low = convert(end - low_length, end);
+        Ref shifted = Ref::steal(PyNumber_Multiply(high.get(), power_of_ten(low_length)));
+        return Ref::steal(PyNumber_Add(shifted.get(), low.get()));
+    }
+
+    PyObject* power_of_ten(size_t exponent) {
+        auto found = powers_.find(exponent);
+        if (found != powers_.end()) return found->second.get();
+        Ref ten = Ref::steal(PyLong_FromLong(10));
+        Ref e = Ref::steal(PyLong_FromSize_t(exponent));
+        Ref p = Ref::steal(PyNumber_Power(ten.get(), e.get(), Py_None));
+        return powers_.emplace(exponent, std::move(p)).first->second.get();
+    }
+
+    std::vector<std::uint8_t> digits_;
+    std::map<size_t, Ref> powers_;
+};
+
+// The key element of one piece: its leading decimal digits (any script's), else 0.
+Ref piece_value(int kind, const void* data, Py_ssize_t begin, Py_ssize_t end) {
+    std::vector<std::uint8_t> digits;
+    unsigned long long small = 0;
+    Py_ssize_t i = begin;
+    for (; i < end; ++i) {
+        const int d = Py_UNICODE_TODECIMAL(PyUnicode_READ(kind, data, i));
+        if (d < 0) break;
+        if (digits.empty() && d == 0) continue;  // leading zeros change nothing
+        if (digits.size() < 19) small = small * 10 + static_cast<unsigned>(d);
+        digits.push_back(static_cast<std::uint8_t>(d));
+    }
+    if (digits.size() < 19) return Ref::steal(PyLong_FromUnsignedLongLong(small));
+    return DigitRun(std::move(digits)).value();
+}
+
+void append_pieces(std::vector<Ref>& key, PyObject* text) {
+    const int kind = PyUnicode_KIND(text);
+    const void* data = PyUnicode_DATA(text);
+    const Py_ssize_t length = PyUnicode_GET_LENGTH(text);
+    Py_ssize_t begin = 0;
+    for (Py_ssize_t i = 0; i <= length; ++i) {
+        if (i == length || PyUnicode_READ(kind, data, i) == '.') {
+            key.push_back(piece_value(kind, data, begin, i));
+            begin = i + 1;
+        }
+    }
+}
+
+// A str whose `split` is str's own: its pieces can be cut here without asking it.
+bool plain_text(PyObject* v) {
+    if (PyUnicode_CheckExact(v)) return true;
+    if (!PyUnicode_Check(v)) return false;
+    Ref name = str("split");
+    return _PyType_Lookup(Py_TYPE(v), name.get()) == _PyType_Lookup(&PyUnicode_Type, name.get());
+}
+
+Ref version_tuple(const Context& cx, PyObject* const* args) {
+    PyObject* v = args[0];
+    std::vector<Ref> key;
+    if (plain_text(v)) {
+        if (PyUnicode_READY(v) < 0) raise();
+        append_pieces(key, v);
+    } else {
+        // Not a str: split as it splits itself, and match digits as the host's pattern
+        // matching would, which takes text pieces only.
+        Ref pieces = call_method(v, cx.name(Name::split), {cx.state().text_dot});
+        Ref it = iterate(pieces.get());
+        while (Ref piece = next(it.get())) {
+            if (!PyUnicode_Check(piece.get())) {
+                PyErr_SetString(PyExc_TypeError, PyObject_CheckBuffer(piece.get())
+                                                     ? "cannot use a string pattern on a bytes-like object"
+                                                     : "expected string or bytes-like object");
+                raise();
+            }
+            if (PyUnicode_READY(piece.get()) < 0) raise();
+            const Py_ssize_t length = PyUnicode_GET_LENGTH(piece.get());
+            key.push_back(piece_value(PyUnicode_KIND(piece.get()), PyUnicode_DATA(piece.get()), 0, length));
+        }
+    }
+    Ref result = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(key.size())));
+    for (size_t i = 0; i < key.size(); ++i) PyTuple_SET_ITEM(result.get(), static_cast<Py_ssize_t>(i), key[i].release());
+    return result;
+}
+
+// --- inside_root ---------------------------------------------------------------------
+
+Ref inside_root(const Context& cx, PyObject* const* args) {
+    PyObject* root = args[0];
+    PyObject* path = args[1];
+    Ref real = call_method(path, cx.name(Name::resolve), {args[2]}, cx.state().kw_strict);
+    Ref inside = call_method(real.get(), cx.name(Name::is_relative_to), {root});
+    if (truthy(inside.get())) return real;
+    return Ref::borrow(Py_None);
+}
+
+// --- the scan of one directory ------------------------------------------------------
+
+enum class Failure { absent, unreadable };
+
+// Which kind of file-system failure the error being raised is; others propagate.
+Failure classify(CaughtError& error) {
+    if (error.matches(PyExc_FileNotFoundError) || error.matches(PyExc_NotADirectoryError)) return Failure::absent;
+    if (error.matches(PyExc_OSError) || error.matches(PyExc_RuntimeError)) return Failure::unreadable;
+    error.restore();
+}
+
+// Calls `_say_unreadable(what)` while the caught error is the one being handled, as an
+// `except` block would.
+void report_unreadable(const Context& cx, CaughtError& error, PyObject* what) {
+    Handling handling(error.value());
+    Ref say = cx.global(Name::_say_unreadable);
+    call(say.get(), {what});
+}
+
+Ref all_absent(const Context& cx) {
+    Ref names = cx.global(Name::SKILL_NAMES);
+    Ref fromkeys = str("fromkeys");
+    return Ref::steal(PyObject_CallMethodOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), fromkeys.get(), names.get()));
+}
+
+Ref stamps_in(const Context& cx, PyObject* const* args) {
+    PyObject* directory = args[0];
+    Ref root;
+    try {
+        root = call_method(directory, cx.name(Name::resolve), {Py_True}, cx.state().kw_strict);
+    } catch (const PythonError&) {
+        CaughtError error;
+        if (classify(error) == Failure::unreadable) report_unreadable(cx, error, directory);
+        return all_absent(cx);
+    }
+    Ref stamps = Ref::steal(PyDict_New());
+    Ref names = cx.global(Name::SKILL_NAMES);
+    Ref it = iterate(names.get());
+    while (Ref skill = next(it.get())) {
+        Ref stamp = call(cx.global(Name::_stamp_inside).get(), {root.get(), skill.get()});
+        check(PyDict_SetItem(stamps.get(), skill.get(), stamp.get()));
+    }
+    return stamps;
+}
+
+Ref stamp_inside(const Context& cx, PyObject* const* args) {
+    PyObject* root = args[0];
+    PyObject* skill = args[1];
+    Ref skill_dir = Ref::steal(PyNumber_TrueDivide(root, skill));
+    Ref path = Ref::steal(PyNumber_TrueDivide(skill_dir.get(), cx.global(Name::SKILL_FILE).get()));
+    try {
+        Ref real = call(cx.global(Name::inside_root).get(), {root, path.get(), Py_True}, cx.state().kw_strict);
+        if (real.get() == Py_None) return real;
+        if (!truthy(call_method(real.get(), cx.name(Name::is_file)).get())) return Ref::borrow(Py_None);
+        return call(cx.global(Name::read_stamp).get(), {real.get()});
+    } catch (const PythonError&) {
+        CaughtError error;
+        if (classify(error) == Failure::unreadable) report_unreadable(cx, error, path.get());
+        return Ref::borrow(Py_None);
+    }
+}
+
+Ref say_unreadable(const Context& cx, PyObject* const* args) {
+    const State& st = cx.state();
+    Ref key = Ref::steal(PyObject_Str(args[0]));
+    Ref unreadable = cx.global(Name::_UNREADABLE);
+    // Test and insert back to back: two threads meeting one path log it once.
+    if (contains(unreadable.get(), key.get())) return Ref::borrow(Py_None);
+    if (PySet_CheckExact(unreadable.get())) {
+        check(PySet_Add(unreadable.get(), key.get()));
+    } else {
+        call_method(unreadable.get(), cx.name(Name::add), {key.get()});
+    }
+    Ref logger = cx.global(Name::logger);
+    call_method(logger.get(), cx.name(Name::warning), {st.text_unreadable_message, key.get(), Py_True},
+                st.kw_exc_info);
+    return Ref::borrow(Py_None);
+}
+
+}  // namespace
+
+const FunctionSpec read_stamp_function{
+    "read_stamp",
+    "read_stamp",
+    R"(The version a skill file is stamped with, read from the head of the file only.
+
+    A line that the head cuts off is left out, so a stamp is never taken from part of its line.
+
+    Raises:
+        OSError: The file cannot be opened or read.
+    )",
+    {{{"path", "Path"}}},
+    1,
+    "str | None",
+    read_stamp,
+};
+
+const FunctionSpec version_tuple_function{
+    "version_tuple",
+    "version_tuple",
+    R"(Lenient numeric version key ('1.10.0' -> (1, 10, 0)); non-ints count as 0.)",
+    {{{"v", "str"}}},
+    1,
+    "tuple[int, ...]",
+    version_tuple,
+};
+
+const FunctionSpec inside_root_function{
+    "inside_root",
+    "inside_root",
+    R"(``path`` with its links followed, when it stays under the resolved ``root``.
+
+    Args:
+        root: A skills directory, already resolved.
+        path: A path under it, as written.
+        strict: Whether ``path`` must exist (``Path.resolve(strict=True)``).
+
+    Returns:
+        The real path, or None when a link takes it out of ``root``.
+
+    Raises:
+        OSError: ``strict`` and the path does not exist, or it cannot be resolved.
+        RuntimeError: A loop of links.
+    )",
+    {{{"root", "Path"}, {"path", "Path"}, {"strict", "bool", Kind::keyword_only}}},
+    3,
+    "Path | None",
+    inside_root,
+};
+
+const FunctionSpec stamps_in_function{
+    "_stamps_in",
+    "_stamps_in",
+    R"(The stamp of each embedded skill in one skills directory, read only from inside it.)",
+    {{{"directory", "Path"}}},
+    1,
+    "dict[str, str | None]",
+    stamps_in,
+};
+
+const FunctionSpec stamp_inside_function{
+    "_stamp_inside",
+    "_stamp_inside",
+    R"(The stamp of one skill under a resolved skills directory; None when its file is outside.)",
+    {{{"root", "Path"}, {"skill", "str"}}},
+    2,
+    "str | None",
+    stamp_inside,
+};
+
+const FunctionSpec say_unreadable_function{
+    "_say_unreadable",
+    "_say_unreadable",
+    R"(Log, once for each, a skills directory or file that cannot be read (call it in ``except``).)",
+    {{{"what", "Path | str"}}},
+    1,
+    "None",
+    say_unreadable,
+};
+
+}  // namespace agent_skills
