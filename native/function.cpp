@@ -245,6 +245,12 @@ PyObject* get_globals(PyObject* self, void*) { return Py_NewRef(PyModule_GetDict
 PyObject* get_signature(PyObject* self, void*) {
     FunctionObject* f = as_function(self);
     try {
+        // A signature assigned by a caller (as decorators do) wins, as it would in __dict__.
+        if (f->dict != nullptr) {
+            PyObject* assigned = PyDict_GetItemWithError(f->dict, str("__signature__").get());
+            if (assigned != nullptr) return Py_NewRef(assigned);
+            if (PyErr_Occurred()) raise();
+        }
         Ref inspect = Ref::steal(PyImport_ImportModule("inspect"));
         Ref parameter_type = getattr(inspect.get(), str("Parameter").get());
         Ref signature_type = getattr(inspect.get(), str("Signature").get());
@@ -285,6 +291,28 @@ PyObject* get_signature(PyObject* self, void*) {
     } catch (const PythonError&) {
         return nullptr;
     }
+}
+
+int set_signature(PyObject* self, PyObject* value, void*) {
+    FunctionObject* f = as_function(self);
+    if (f->dict == nullptr) {
+        f->dict = PyDict_New();
+        if (f->dict == nullptr) return -1;
+    }
+    PyObject* key = PyUnicode_FromString("__signature__");
+    if (key == nullptr) return -1;
+    int status;
+    if (value != nullptr) {
+        status = PyDict_SetItem(f->dict, key, value);
+    } else {
+        status = PyDict_DelItem(f->dict, key);
+        if (status < 0 && PyErr_ExceptionMatches(PyExc_KeyError)) {
+            PyErr_Clear();
+            PyErr_SetObject(PyExc_AttributeError, key);
+        }
+    }
+    Py_DECREF(key);
+    return status;
 }
 
 PyObject* function_reduce(PyObject* self, PyObject*) { return Py_NewRef(as_function(self)->qualname); }
@@ -345,7 +373,7 @@ PyGetSetDef function_getset[] = {
     {"__kwdefaults__", get_kwdefaults, set_kwdefaults, nullptr, nullptr},
     {"__annotations__", get_annotations, set_annotations, nullptr, nullptr},
     {"__globals__", get_globals, nullptr, nullptr, nullptr},
-    {"__signature__", get_signature, nullptr, nullptr, nullptr},
+    {"__signature__", get_signature, set_signature, nullptr, nullptr},
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
