@@ -21,8 +21,10 @@ Ref stale(const Context& cx, PyObject* const* args) {
     Ref installed = getattr(self, cx.name(Name::installed));
     if (installed.get() == Py_None) return Ref::borrow(Py_False);
     Ref key_installed = call(cx.global(Name::version_tuple).get(), {installed.get()});
+    // Callee before argument, as `version_tuple(self.current)` evaluates.
+    Ref version_tuple = cx.global(Name::version_tuple);
     Ref current = getattr(self, cx.name(Name::current));
-    Ref key_current = call(cx.global(Name::version_tuple).get(), {current.get()});
+    Ref key_current = call(version_tuple.get(), {current.get()});
     return Ref::steal(PyObject_RichCompare(key_installed.get(), key_current.get(), Py_LT));
 }
 
@@ -58,13 +60,17 @@ Ref update_command(const Context& cx, PyObject* const* args) {
     const State& st = cx.state();
     Ref agent = Ref::borrow(st.text_empty);
     Ref target = only(skills_dir);
-    Ref by_default = call(cx.global(Name::resolve_skill_dirs).get(), {cx.global(Name::DEFAULT_AGENTS).get(), scope});
+    // Each callee is looked up before its arguments are evaluated, as a Python call does, so an
+    // unbound name fails with the same NameError first.
+    Ref resolve = cx.global(Name::resolve_skill_dirs);
+    Ref by_default = call(resolve.get(), {cx.global(Name::DEFAULT_AGENTS).get(), scope});
     if (!compare(by_default.get(), target.get(), Py_EQ)) {
         Ref writers = new_list();
         Ref agents = call(cx.global(Name::skill_capable_agents).get(), {});
         Ref it = iterate(agents.get());
         while (Ref key = next(it.get())) {
-            Ref alone = call(cx.global(Name::resolve_skill_dirs).get(), {only(key.get()).get(), scope});
+            resolve = cx.global(Name::resolve_skill_dirs);
+            Ref alone = call(resolve.get(), {only(key.get()).get(), scope});
             if (compare(alone.get(), target.get(), Py_EQ)) append(writers.get(), key.get());
         }
         if (PyList_GET_SIZE(writers.get()) == 0) return Ref::borrow(Py_None);
@@ -73,8 +79,9 @@ Ref update_command(const Context& cx, PyObject* const* args) {
     }
     Ref repository = Ref::borrow(st.text_empty);
     if (compare(scope, st.text_project, Py_EQ) && project_root != Py_None) {
+        Ref as_word = cx.global(Name::_shell_word);
         Ref posix = call_method(project_root, cx.name(Name::as_posix));
-        Ref word = call(cx.global(Name::_shell_word).get(), {posix.get()});
+        Ref word = call(as_word.get(), {posix.get()});
         Ref option = str(" --repo-root ");
         repository = concat({option.get(), format_text(word.get(), cx).get()});
     }
@@ -106,8 +113,9 @@ Ref installed_skill_versions(const Context& cx, PyObject* const* args) {
     for (Py_ssize_t b = 0; b < PyList_GET_SIZE(bases.get()); ++b) {
         PyObject* scope = PyTuple_GET_ITEM(PyList_GET_ITEM(bases.get(), b), 0);
         PyObject* base = PyTuple_GET_ITEM(PyList_GET_ITEM(bases.get(), b), 1);
+        Ref read_roots = cx.global(Name::read_roots);
         Ref roots = call(cx.global(Name::agent_roots).get(), {agents.get(), scope});
-        Ref dirs = call(cx.global(Name::read_roots).get(), {roots.get()});
+        Ref dirs = call(read_roots.get(), {roots.get()});
         Ref dir_it = iterate(dirs.get());
         while (Ref skills_dir = next(dir_it.get())) {
             Ref directory = Ref::steal(PyNumber_TrueDivide(base, skills_dir.get()));
