@@ -1,6 +1,7 @@
 // Choosing the directories an install writes: the score of one candidate set, and the
 // search over candidate sets (every subset up to a limit, a greedy choice beyond it).
 #include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <tuple>
@@ -47,40 +48,53 @@ Ref score(const Context& cx, PyObject* const* args) {
 
 // --- the search on bit sets ---------------------------------------------------------
 
-// One agent's roots as candidate indices, most native first; -1 for a root that is not
-// a candidate (it can never be selected).
-using AgentRoots = std::vector<int>;
+// Every agent's roots as candidate indices, most native first, the agents one after
+// another in one buffer (one allocation per call, however many agents); -1 for a root
+// that is not a candidate (it can never be selected).
+struct Agents {
+    std::vector<int> roots;
+    std::vector<std::size_t> ends;  // where each agent's roots stop in `roots`
+};
+
+// Equality of two exact strs without the ordering work of a full comparison: the table's
+// roots and the candidates made from them are mostly the very same objects.
+bool same_text(PyObject* a, PyObject* b) {
+    if (a == b) return true;
+    if (PyUnicode_GET_LENGTH(a) != PyUnicode_GET_LENGTH(b)) return false;
+    return PyUnicode_Compare(a, b) == 0;
+}
 
 // The exhaustive search done natively, or nothing when its inputs are not plain enough
 // to be sure it matches what the bound functions would compute: every root an exact
 // str, candidates distinct and ascending (so a selection's tuple of roots orders as its
 // candidate indices do), the mapping an exact dict of exact tuples or lists.
-std::optional<std::vector<AgentRoots>> plain_agents(PyObject* roots, PyObject* candidates) {
+std::optional<Agents> plain_agents(PyObject* roots, PyObject* candidates) {
     if (!PyList_CheckExact(candidates) || !PyDict_CheckExact(roots)) return std::nullopt;
     const Py_ssize_t n = PyList_GET_SIZE(candidates);
     if (n > 62) return std::nullopt;
+    PyObject** texts = PySequence_Fast_ITEMS(candidates);
     for (Py_ssize_t i = 0; i < n; ++i) {
-        PyObject* c = PyList_GET_ITEM(candidates, i);
-        if (!PyUnicode_CheckExact(c)) return std::nullopt;
-        if (i > 0 && PyUnicode_Compare(PyList_GET_ITEM(candidates, i - 1), c) >= 0) return std::nullopt;
+        if (!PyUnicode_CheckExact(texts[i])) return std::nullopt;
+        if (i > 0 && PyUnicode_Compare(texts[i - 1], texts[i]) >= 0) return std::nullopt;
     }
-    std::vector<AgentRoots> agents;
-    agents.reserve(static_cast<size_t>(PyDict_GET_SIZE(roots)));
+    Agents agents;
+    const auto agent_count = static_cast<std::size_t>(PyDict_GET_SIZE(roots));
+    agents.ends.reserve(agent_count);
+    agents.roots.reserve(4 * agent_count);
     Py_ssize_t pos = 0;
     PyObject *key, *dirs;
     while (PyDict_Next(roots, &pos, &key, &dirs)) {
         if (!PyTuple_CheckExact(dirs) && !PyList_CheckExact(dirs)) return std::nullopt;
-        AgentRoots agent;
         const Py_ssize_t m = PySequence_Fast_GET_SIZE(dirs);
         PyObject** items = PySequence_Fast_ITEMS(dirs);
         for (Py_ssize_t p = 0; p < m; ++p) {
             if (!PyUnicode_CheckExact(items[p])) return std::nullopt;
             int index = -1;
             for (Py_ssize_t i = 0; i < n && index < 0; ++i)
-                if (PyUnicode_Compare(items[p], PyList_GET_ITEM(candidates, i)) == 0) index = static_cast<int>(i);
-            agent.push_back(index);
+                if (same_text(items[p], texts[i])) index = static_cast<int>(i);
+            agents.roots.push_back(index);
         }
-        agents.push_back(std::move(agent));
+        agents.ends.push_back(agents.roots.size());
     }
     return agents;
 }
@@ -89,21 +103,23 @@ std::optional<std::vector<AgentRoots>> plain_agents(PyObject* roots, PyObject* c
 // are compared as (duplicates, native rank, size); among equal ones the combination
 // order of the enumeration keeps the first, which is the set whose lowest differing
 // candidate index belongs to it.
-std::uint64_t best_subset(const std::vector<AgentRoots>& agents, int n) {
+std::uint64_t best_subset(const Agents& agents, int n) {
     using Key = std::tuple<Py_ssize_t, Py_ssize_t, int>;
     std::optional<Key> best;
     std::uint64_t best_mask = 0;
     const std::uint64_t end = std::uint64_t{1} << n;
+    const int* roots = agents.roots.data();
     for (std::uint64_t mask = 1; mask < end; ++mask) {
         check_signals(mask);
         Py_ssize_t duplicates = 0, native_rank = 0;
         bool serves_all = true;
-        for (const AgentRoots& agent : agents) {
+        std::size_t begin = 0;
+        for (const std::size_t stop : agents.ends) {
             Py_ssize_t hits = 0, first = 0;
-            for (size_t p = 0; p < agent.size(); ++p) {
-                const int c = agent[p];
+            for (std::size_t p = begin; p < stop; ++p) {
+                const int c = roots[p];
                 if (c >= 0 && (mask >> c) & 1u) {
-                    if (hits++ == 0) first = static_cast<Py_ssize_t>(p);
+                    if (hits++ == 0) first = static_cast<Py_ssize_t>(p - begin);
                 }
             }
             if (hits == 0) {
@@ -112,6 +128,7 @@ std::uint64_t best_subset(const std::vector<AgentRoots>& agents, int n) {
             }
             duplicates += hits - 1;
             native_rank += first;
+            begin = stop;
         }
         if (!serves_all) continue;
         const Key key{duplicates, native_rank, std::popcount(mask)};
@@ -124,9 +141,15 @@ std::uint64_t best_subset(const std::vector<AgentRoots>& agents, int n) {
 }
 
 Ref native_search(PyObject* candidates, std::uint64_t mask) {
-    Ref result = new_list();
-    for (int i = 0; mask != 0; ++i, mask >>= 1)
-        if (mask & 1u) append(result.get(), PyList_GET_ITEM(candidates, i));
+    Ref result = new_list(std::popcount(mask));
+    Py_ssize_t filled = 0;
+    for (int i = 0; mask != 0; ++i, mask >>= 1) {
+        if (mask & 1u) {
+            PyObject* root = PyList_GET_ITEM(candidates, i);
+            Py_INCREF(root);
+            PyList_SET_ITEM(result.get(), filled++, root);
+        }
+    }
     return result;
 }
 
@@ -159,6 +182,7 @@ Ref generic_search(const Context& cx, PyObject* roots, PyObject* candidates) {
 // Each agent not yet served gets its most native root; the distinct roots in name order.
 Ref greedy_choice(const Context& cx, PyObject* roots) {
     Ref greedy = new_list();
+    Ref zero = Ref::steal(PyLong_FromLong(0));
     Ref values = call_method(roots, cx.name(Name::values));
     Ref agents = iterate(values.get());
     while (Ref dirs = next(agents.get())) {
@@ -170,9 +194,22 @@ Ref greedy_choice(const Context& cx, PyObject* roots) {
                 break;
             }
         }
-        if (!served) append(greedy.get(), Ref::steal(PySequence_GetItem(dirs.get(), 0)).get());
+        // Subscripted as `dirs[0]` is, so a root collection that cannot be indexed fails
+        // with the host's own wording.
+        if (!served) append(greedy.get(), Ref::steal(PyObject_GetItem(dirs.get(), zero.get())).get());
     }
     return sorted(Ref::steal(PySet_New(greedy.get())).get());
+}
+
+// Whether `itertools.combinations` is still the original. Only a plain module's dict is
+// read: an attribute lookup on anything else could run code the search would then run
+// again, and a Python caller would see it happen once too often.
+bool own_combinations(const Context& cx) {
+    PyObject* itertools = cx.peek(Name::itertools);
+    if (itertools == nullptr || !PyModule_CheckExact(itertools)) return false;
+    PyObject* combinations = PyDict_GetItemWithError(PyModule_GetDict(itertools), cx.name(Name::combinations));
+    if (combinations == nullptr) PyErr_Clear();
+    return combinations != nullptr && combinations == cx.state().own_combinations;
 }
 
 Ref resolve_skill_dirs(const Context& cx, PyObject* const* args) {
@@ -186,11 +223,7 @@ Ref resolve_skill_dirs(const Context& cx, PyObject* const* args) {
         return greedy_choice(cx, roots.get());
 
     const State& st = cx.state();
-    PyObject* itertools = cx.peek(Name::itertools);
-    Ref combinations =
-        itertools ? Ref::steal_or_null(PyObject_GetAttr(itertools, cx.name(Name::combinations))) : Ref();
-    if (!combinations) PyErr_Clear();
-    if (n > 0 && cx.peek(Name::_score) == st.own_score && combinations.get() == st.own_combinations) {
+    if (n > 0 && cx.peek(Name::_score) == st.own_score && own_combinations(cx)) {
         if (auto agents = plain_agents(roots.get(), candidates.get()))
             return native_search(candidates.get(), best_subset(*agents, static_cast<int>(n)));
     }
