@@ -11,34 +11,55 @@ namespace {
 
 // --- `with manager as value: body(value)` -------------------------------------------
 
-// A special method as the interpreter finds it: on the type, bound to the instance.
-Ref lookup_special(PyObject* obj, const char* name) {
-    Ref key = str(name);
-    PyObject* found = _PyType_Lookup(Py_TYPE(obj), key.get());
-    if (found == nullptr) return Ref();
-    descrgetfunc get = Py_TYPE(found)->tp_descr_get;
-    if (get == nullptr) return Ref::borrow(found);
-    return Ref::steal(get(found, obj, reinterpret_cast<PyObject*>(Py_TYPE(obj))));
-}
+// A special method as the interpreter finds it: on the type. A plain method is kept
+// unbound and called with the instance first, which spares making a bound method.
+class Special {
+public:
+    Special(PyObject* obj, PyObject* name) : obj_(obj) {
+        PyObject* found = _PyType_Lookup(Py_TYPE(obj), name);
+        if (found == nullptr) return;
+        if (PyType_HasFeature(Py_TYPE(found), Py_TPFLAGS_METHOD_DESCRIPTOR)) {
+            callable_ = Ref::borrow(found);
+            unbound_ = true;
+            return;
+        }
+        descrgetfunc get = Py_TYPE(found)->tp_descr_get;
+        callable_ = get == nullptr ? Ref::borrow(found)
+                                   : Ref::steal(get(found, obj, reinterpret_cast<PyObject*>(Py_TYPE(obj))));
+    }
+    explicit operator bool() const noexcept { return static_cast<bool>(callable_); }
 
-// Runs body(value) inside the manager's context; an empty Ref means the manager
-// suppressed the body's exception.
+    template <class... Args>
+    Ref operator()(Args... args) const {
+        PyObject* stack[] = {obj_, args...};
+        PyObject** first = unbound_ ? stack : stack + 1;
+        return Ref::steal(PyObject_Vectorcall(callable_.get(), first, sizeof...(Args) + (unbound_ ? 1 : 0), nullptr));
+    }
+
+private:
+    PyObject* obj_;
+    Ref callable_;
+    bool unbound_ = false;
+};
+
+// Runs body(value) inside the manager's context, as a `with` statement does; an empty
+// Ref means the manager suppressed the body's exception.
 template <class Body>
-Ref with_context(PyObject* manager, Body body) {
-    Ref enter = lookup_special(manager, "__enter__");
+Ref with_context(const Context& cx, PyObject* manager, Body body) {
+    Special enter(manager, cx.name(Name::__enter__));
     if (!enter) {
         PyErr_Format(PyExc_TypeError, "'%.200s' object does not support the context manager protocol",
                      Py_TYPE(manager)->tp_name);
         raise();
     }
-    Ref exit = lookup_special(manager, "__exit__");
+    Special exit(manager, cx.name(Name::__exit__));
     if (!exit) {
         PyErr_Format(PyExc_TypeError,
                      "'%.200s' object does not support the context manager protocol (missed __exit__ method)",
                      Py_TYPE(manager)->tp_name);
         raise();
     }
-    Ref value = call(enter.get(), {});
+    Ref value = enter();
     Ref result;
     try {
         result = body(value.get());
@@ -49,15 +70,14 @@ Ref with_context(PyObject* manager, Body body) {
             Handling handling(error.value());
             PyObject* value_obj = error.value();
             PyObject* type_obj = reinterpret_cast<PyObject*>(Py_TYPE(value_obj));
-            PyObject* tb = PyException_GetTraceback(value_obj);
-            Ref tb_ref = Ref::steal_or_null(tb);
-            Ref answer = call(exit.get(), {type_obj, value_obj, tb ? tb : Py_None});
+            Ref tb = Ref::steal_or_null(PyException_GetTraceback(value_obj));
+            Ref answer = exit(type_obj, value_obj, tb ? tb.get() : Py_None);
             suppress = truthy(answer.get());
         }
         if (!suppress) error.restore();
         return Ref();
     }
-    call(exit.get(), {Py_None, Py_None, Py_None});
+    exit(Py_None, Py_None, Py_None);
     return result;
 }
 
@@ -66,7 +86,7 @@ Ref with_context(PyObject* manager, Body body) {
 Ref read_stamp(const Context& cx, PyObject* const* args) {
     const State& st = cx.state();
     Ref file = call_method(args[0], cx.name(Name::open), {st.text_rb});
-    Ref head = with_context(file.get(), [&](PyObject* handle) {
+    Ref head = with_context(cx, file.get(), [&](PyObject* handle) {
         Ref size = cx.global(Name::STAMP_HEAD_BYTES);
         return call_method(handle, cx.name(Name::read), {size.get()});
     });
@@ -172,30 +192,26 @@ void append_pieces(std::vector<Ref>& key, PyObject* text) {
     }
 }
 
-// A str whose `split` is str's own: its pieces can be cut here without asking it.
-bool plain_text(PyObject* v) {
-    if (PyUnicode_CheckExact(v)) return true;
-    if (!PyUnicode_Check(v)) return false;
-    Ref name = str("split");
-    return _PyType_Lookup(Py_TYPE(v), name.get()) == _PyType_Lookup(&PyUnicode_Type, name.get());
-}
-
 Ref version_tuple(const Context& cx, PyObject* const* args) {
     PyObject* v = args[0];
     std::vector<Ref> key;
-    if (plain_text(v)) {
+    if (PyUnicode_CheckExact(v)) {
         if (PyUnicode_READY(v) < 0) raise();
         append_pieces(key, v);
     } else {
-        // Not a str: split as it splits itself, and match digits as the host's pattern
+        // Anything else, str subclasses included (their `split` may come from the class or
+        // the instance): split as it splits itself, and match digits as the host's pattern
         // matching would, which takes text pieces only.
         Ref pieces = call_method(v, cx.name(Name::split), {cx.state().text_dot});
         Ref it = iterate(pieces.get());
         while (Ref piece = next(it.get())) {
             if (!PyUnicode_Check(piece.get())) {
-                PyErr_SetString(PyExc_TypeError, PyObject_CheckBuffer(piece.get())
-                                                     ? "cannot use a string pattern on a bytes-like object"
-                                                     : "expected string or bytes-like object");
+                if (PyObject_CheckBuffer(piece.get())) {
+                    PyErr_SetString(PyExc_TypeError, "cannot use a string pattern on a bytes-like object");
+                } else {
+                    PyErr_Format(PyExc_TypeError, "expected string or bytes-like object, got '%.200s'",
+                                 Py_TYPE(piece.get())->tp_name);
+                }
                 raise();
             }
             if (PyUnicode_READY(piece.get()) < 0) raise();
@@ -251,7 +267,10 @@ Ref stamps_in(const Context& cx, PyObject* const* args) {
         root = call_method(directory, cx.name(Name::resolve), {Py_True}, cx.state().kw_strict);
     } catch (const PythonError&) {
         CaughtError error;
-        if (classify(error) == Failure::unreadable) report_unreadable(cx, error, directory);
+        const Failure failure = classify(error);
+        // The answer is built inside the `except` too: an error there chains to this one.
+        Handling handling(error.value());
+        if (failure == Failure::unreadable) call(cx.global(Name::_say_unreadable).get(), {directory});
         return all_absent(cx);
     }
     Ref stamps = Ref::steal(PyDict_New());
