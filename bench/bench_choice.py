@@ -69,7 +69,7 @@ def per_call(*calls):
     numbers = [timer.autorange()[0] for timer in timers]
     best = [float("inf")] * len(timers)
     for _ in range(REPEATS):
-        for i, (timer, number) in enumerate(zip(timers, numbers)):
+        for i, (timer, number) in enumerate(zip(timers, numbers, strict=True)):
             best[i] = min(best[i], timer.timeit(number) / number)
     return best
 
@@ -79,7 +79,9 @@ def compare(title, keys):
     assert native == plain, (native, plain)
     t_native, t_plain = per_call((m.resolve_skill_dirs, (keys,)), (py_resolve_skill_dirs, (keys,)))
     print(title)
-    print(f"  native        {t_native * 1e6:12.3f} us/call   -> {native[:3]}{' ...' if len(native) > 3 else ''}")
+    print(
+        f"  native        {t_native * 1e6:12.3f} us/call   -> {native[:3]}{' ...' if len(native) > 3 else ''}"
+    )
     print(f"  plain Python  {t_plain * 1e6:12.3f} us/call")
     print(f"  ratio         {t_plain / t_native:12.1f}x")
     return t_plain / t_native

@@ -38,8 +38,10 @@ def compare(label, ours, theirs, args, number):
         assert ours(arg) == theirs(arg), arg
     t_native = sum(best(ours, a, number) for a in args) / len(args)
     t_python = sum(best(theirs, a, number) for a in args) / len(args)
-    print(f"{label:<20} native {t_native * 1e6:8.3f} us   python {t_python * 1e6:8.3f} us   "
-          f"speed-up {t_python / t_native:5.2f}x")
+    print(
+        f"{label:<20} native {t_native * 1e6:8.3f} us   python {t_python * 1e6:8.3f} us   "
+        f"speed-up {t_python / t_native:5.2f}x"
+    )
 
 
 def skill_file(directory):

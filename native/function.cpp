@@ -59,9 +59,8 @@ int positional_count(const FunctionSpec& spec) {
     } else {
         kwonly_sig = str("");
     }
-    PyErr_Format(PyExc_TypeError, "%U() takes %U positional argument%s but %zd%U %s given", f->qualname,
-                 sig.get(), plural ? "s" : "", given, kwonly_sig.get(),
-                 given == 1 && !kwonly_given ? "was" : "were");
+    PyErr_Format(PyExc_TypeError, "%U() takes %U positional argument%s but %zd%U %s given", f->qualname, sig.get(),
+                 plural ? "s" : "", given, kwonly_sig.get(), given == 1 && !kwonly_given ? "was" : "were");
     raise();
 }
 
@@ -75,8 +74,8 @@ int positional_count(const FunctionSpec& spec) {
     if (len == 1) {
         joined = Ref::borrow(PyList_GET_ITEM(names.get(), 0));
     } else if (len == 2) {
-        joined = Ref::steal(PyUnicode_FromFormat("%U and %U", PyList_GET_ITEM(names.get(), 0),
-                                                 PyList_GET_ITEM(names.get(), 1)));
+        joined = Ref::steal(
+            PyUnicode_FromFormat("%U and %U", PyList_GET_ITEM(names.get(), 0), PyList_GET_ITEM(names.get(), 1)));
     } else {
         Ref tail = Ref::steal(PyUnicode_FromFormat(", %U, and %U", PyList_GET_ITEM(names.get(), len - 2),
                                                    PyList_GET_ITEM(names.get(), len - 1)));
@@ -277,11 +276,11 @@ PyObject* get_signature(PyObject* self, void*) {
             PyObject* annotation = PyDict_GetItemWithError(annotations.get(), name);
             if (annotation == nullptr && PyErr_Occurred()) raise();
             PyObject* kind = i < argcount ? positional.get() : keyword_only.get();
-            append(parameters.get(), call(parameter_type.get(),
-                                          {name, kind, fallback ? fallback : empty.get(),
-                                           annotation ? annotation : empty.get()},
-                                          kwnames.get())
-                                         .get());
+            append(parameters.get(),
+                   call(parameter_type.get(),
+                        {name, kind, fallback ? fallback : empty.get(), annotation ? annotation : empty.get()},
+                        kwnames.get())
+                       .get());
         }
         PyObject* returns = PyDict_GetItemWithError(annotations.get(), str("return").get());
         if (returns == nullptr && PyErr_Occurred()) raise();

@@ -10,8 +10,7 @@ namespace agent_skills {
 
 State& state_of(PyObject* module) { return *static_cast<State*>(PyModule_GetState(module)); }
 
-Context::Context(PyObject* module)
-    : module_(module), dict_(PyModule_GetDict(module)), state_(&state_of(module)) {}
+Context::Context(PyObject* module) : module_(module), dict_(PyModule_GetDict(module)), state_(&state_of(module)) {}
 
 Ref Context::global(Name n) const {
     PyObject* key = name(n);
@@ -217,8 +216,8 @@ void exec_module(PyObject* module) {
     // 6. Search limit, score type, report state, shell words.
     ns.bind("_EXHAUSTIVE_SEARCH_LIMIT", Ref::steal(PyLong_FromLong(12)));
     {
-        PyObject* tuple_type = reinterpret_cast<PyObject*>(&PyTuple_Type);
-        PyObject* int_type = reinterpret_cast<PyObject*>(&PyLong_Type);
+        auto* tuple_type = reinterpret_cast<PyObject*>(&PyTuple_Type);
+        auto* int_type = reinterpret_cast<PyObject*>(&PyLong_Type);
         Ref texts_args = Ref::steal(PyTuple_Pack(2, reinterpret_cast<PyObject*>(&PyUnicode_Type), Py_Ellipsis));
         Ref texts = Ref::steal(Py_GenericAlias(tuple_type, texts_args.get()));
         Ref score_args = Ref::steal(PyTuple_Pack(4, int_type, int_type, int_type, texts.get()));
@@ -247,15 +246,15 @@ void exec_module(PyObject* module) {
 
     // What the fast paths compare against: the objects as first bound.
     st.own_score = ns.lookup("_score").release();
-    st.own_combinations = getattr(ns.lookup("itertools").get(), st.names[static_cast<int>(Name::combinations)]).release();
+    st.own_combinations =
+        getattr(ns.lookup("itertools").get(), st.names[static_cast<int>(Name::combinations)]).release();
 }
 
 // The class statement `class <name>(NamedTuple): ...` of the module: bases resolved
 // through __mro_entries__, the metaclass's namespace filled in the order the compiler
 // fills a class body, then the metaclass called.
 Ref build_class(PyObject* module, const char* name, PyObject* base, const char* doc,
-                std::initializer_list<Field> fields,
-                std::initializer_list<std::pair<const char*, PyObject*>> members) {
+                std::initializer_list<Field> fields, std::initializer_list<std::pair<const char*, PyObject*>> members) {
     Namespace globals(module);
     Ref name_obj = str(name);
     Ref bases = Ref::steal(PyTuple_Pack(1, base));
@@ -274,9 +273,9 @@ Ref build_class(PyObject* module, const char* name, PyObject* base, const char* 
             raise();
         }
     }
-    PyObject* meta = reinterpret_cast<PyObject*>(&PyType_Type);
+    auto* meta = reinterpret_cast<PyObject*>(&PyType_Type);
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(resolved.get()); ++i) {
-        PyObject* candidate = reinterpret_cast<PyObject*>(Py_TYPE(PyTuple_GET_ITEM(resolved.get(), i)));
+        auto* candidate = reinterpret_cast<PyObject*>(Py_TYPE(PyTuple_GET_ITEM(resolved.get(), i)));
         if (PyType_IsSubtype(reinterpret_cast<PyTypeObject*>(candidate), reinterpret_cast<PyTypeObject*>(meta)))
             meta = candidate;
     }
@@ -297,7 +296,7 @@ Ref build_class(PyObject* module, const char* name, PyObject* base, const char* 
 
 // A failed execution step must leave nothing registered, so a later import starts afresh.
 void unregister(PyObject* module) {
-    PyObject* type, *value, *tb;
+    PyObject *type, *value, *tb;
     PyErr_Fetch(&type, &value, &tb);
     PyObject* name = PyModule_GetNameObject(module);
     PyObject* modules = PyImport_GetModuleDict();
@@ -323,7 +322,7 @@ int module_exec(PyObject* module) {
 }
 
 int module_traverse(PyObject* module, visitproc visit, void* arg) {
-    State* st = static_cast<State*>(PyModule_GetState(module));
+    auto* st = static_cast<State*>(PyModule_GetState(module));
     if (st == nullptr) return 0;
     Py_VISIT(st->function_type);
     Py_VISIT(st->own_score);
@@ -332,7 +331,7 @@ int module_traverse(PyObject* module, visitproc visit, void* arg) {
 }
 
 int module_clear(PyObject* module) {
-    State* st = static_cast<State*>(PyModule_GetState(module));
+    auto* st = static_cast<State*>(PyModule_GetState(module));
     if (st == nullptr) return 0;
     Py_CLEAR(st->function_type);
     Py_CLEAR(st->own_score);
@@ -341,14 +340,14 @@ int module_clear(PyObject* module) {
 }
 
 void module_free(void* module) {
-    PyObject* m = static_cast<PyObject*>(module);
+    auto* m = static_cast<PyObject*>(module);
     module_clear(m);
-    State* st = static_cast<State*>(PyModule_GetState(m));
+    auto* st = static_cast<State*>(PyModule_GetState(m));
     if (st == nullptr) return;
     for (PyObject*& n : st->names) Py_CLEAR(n);
-    for (PyObject** p : {&st->text_user, &st->text_project, &st->text_rb, &st->text_utf8, &st->text_replace,
-                         &st->text_empty, &st->text_dot, &st->text_home_directory, &st->text_unreadable_message,
-                         &st->kw_strict, &st->kw_exc_info})
+    for (PyObject** p :
+         {&st->text_user, &st->text_project, &st->text_rb, &st->text_utf8, &st->text_replace, &st->text_empty,
+          &st->text_dot, &st->text_home_directory, &st->text_unreadable_message, &st->kw_strict, &st->kw_exc_info})
         Py_CLEAR(*p);
 }
 

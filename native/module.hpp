@@ -6,6 +6,7 @@
 namespace agent_skills {
 
 // Every name the functions look up or call, interned once per module.
+// clang-format off
 #define AGENT_SKILLS_NAMES(X)                                                                  \
     X(AGENT_SKILL_ROOTS) X(DEFAULT_AGENTS) X(InstalledSkill) X(Path) X(SKILL_FILE)              \
     X(SKILL_NAMES) X(STAMP_HEAD_BYTES) X(_EXHAUSTIVE_SEARCH_LIMIT) X(_PLAIN_WORD) X(_UNREADABLE) \
@@ -16,6 +17,7 @@ namespace agent_skills {
     X(read) X(read_roots) X(read_stamp) X(resolve) X(resolve_skill_dirs) X(search)              \
     X(skill_capable_agents) X(split) X(strict) X(user) X(values) X(version_tuple) X(warning)     \
     X(__enter__) X(__exit__) X(__name__)
+// clang-format on
 
 enum class Name {
 #define AGENT_SKILLS_ENUM(n) n,

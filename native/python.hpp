@@ -80,8 +80,7 @@ inline Ref getattr(PyObject* o, PyObject* name) { return Ref::steal(PyObject_Get
 
 inline Ref call(PyObject* callable, std::initializer_list<PyObject*> args, PyObject* kwnames = nullptr) {
     return Ref::steal(PyObject_Vectorcall(callable, std::data(args),
-                                          (args.size() - (kwnames ? PyTuple_GET_SIZE(kwnames) : 0)),
-                                          kwnames));
+                                          (args.size() - (kwnames ? PyTuple_GET_SIZE(kwnames) : 0)), kwnames));
 }
 
 // obj.name(*args): the method is looked up on the object, as an attribute call does.
@@ -92,8 +91,7 @@ inline Ref call_method(PyObject* obj, PyObject* name, std::initializer_list<PyOb
     size_t n = 1;
     for (PyObject* a : args) stack[n++] = a;
     size_t nkw = kwnames ? static_cast<size_t>(PyTuple_GET_SIZE(kwnames)) : 0;
-    return Ref::steal(PyObject_VectorcallMethod(
-        name, stack, (n - nkw) | PY_VECTORCALL_ARGUMENTS_OFFSET, kwnames));
+    return Ref::steal(PyObject_VectorcallMethod(name, stack, (n - nkw) | PY_VECTORCALL_ARGUMENTS_OFFSET, kwnames));
 }
 
 inline Ref iterate(PyObject* o) { return Ref::steal(PyObject_GetIter(o)); }

@@ -105,8 +105,7 @@ Ref installed_skill_versions(const Context& cx, PyObject* const* args) {
         Handling handling(error.value());
         call(cx.global(Name::_say_unreadable).get(), {st.text_home_directory});
     }
-    if (project_root != Py_None)
-        append(bases.get(), Ref::steal(PyTuple_Pack(2, st.text_project, project_root)).get());
+    if (project_root != Py_None) append(bases.get(), Ref::steal(PyTuple_Pack(2, st.text_project, project_root)).get());
 
     Ref agents = call(cx.global(Name::skill_capable_agents).get(), {});
     Ref found = new_list();
@@ -127,8 +126,8 @@ Ref installed_skill_versions(const Context& cx, PyObject* const* args) {
                 Ref record_type = cx.global(Name::InstalledSkill);
                 Ref installed = Ref::steal(PyObject_GetItem(stamps.get(), skill.get()));
                 Ref current = cx.global(Name::__version__);
-                Ref record = call(record_type.get(), {skill.get(), directory.get(), installed.get(), current.get(),
-                                                      scope, update.get()});
+                Ref record = call(record_type.get(),
+                                  {skill.get(), directory.get(), installed.get(), current.get(), scope, update.get()});
                 append(found.get(), record.get());
             }
         }

@@ -10,8 +10,7 @@ std::pair<Ref, Ref> unpack_pair(PyObject* item) {
         return {Ref::borrow(PyTuple_GET_ITEM(item, 0)), Ref::borrow(PyTuple_GET_ITEM(item, 1))};
     Ref it = Ref::steal_or_null(PyObject_GetIter(item));
     if (!it) {
-        if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(item)->tp_iter == nullptr &&
-            !PySequence_Check(item)) {
+        if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(item)->tp_iter == nullptr && !PySequence_Check(item)) {
             PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(item)->tp_name);
         }
         raise();

@@ -69,7 +69,7 @@ Ref with_context(const Context& cx, PyObject* manager, Body body) {
         {
             Handling handling(error.value());
             PyObject* value_obj = error.value();
-            PyObject* type_obj = reinterpret_cast<PyObject*>(Py_TYPE(value_obj));
+            auto* type_obj = reinterpret_cast<PyObject*>(Py_TYPE(value_obj));
             Ref tb = Ref::steal_or_null(PyException_GetTraceback(value_obj));
             Ref answer = exit(type_obj, value_obj, tb ? tb.get() : Py_None);
             suppress = truthy(answer.get());
@@ -96,8 +96,8 @@ Ref read_stamp(const Context& cx, PyObject* const* args) {
         raise();
     }
     Ref text = PyBytes_CheckExact(head.get())
-                   ? Ref::steal(PyUnicode_DecodeUTF8(PyBytes_AS_STRING(head.get()), PyBytes_GET_SIZE(head.get()),
-                                                     "replace"))
+                   ? Ref::steal(
+                         PyUnicode_DecodeUTF8(PyBytes_AS_STRING(head.get()), PyBytes_GET_SIZE(head.get()), "replace"))
                    : call_method(head.get(), cx.name(Name::decode), {st.text_utf8, st.text_replace});
     const Py_ssize_t length = PyObject_Size(head.get());
     if (length < 0) raise();
@@ -220,7 +220,8 @@ Ref version_tuple(const Context& cx, PyObject* const* args) {
         }
     }
     Ref result = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(key.size())));
-    for (size_t i = 0; i < key.size(); ++i) PyTuple_SET_ITEM(result.get(), static_cast<Py_ssize_t>(i), key[i].release());
+    for (size_t i = 0; i < key.size(); ++i)
+        PyTuple_SET_ITEM(result.get(), static_cast<Py_ssize_t>(i), key[i].release());
     return result;
 }
 
@@ -257,7 +258,8 @@ void report_unreadable(const Context& cx, CaughtError& error, PyObject* what) {
 Ref all_absent(const Context& cx) {
     Ref names = cx.global(Name::SKILL_NAMES);
     Ref fromkeys = str("fromkeys");
-    return Ref::steal(PyObject_CallMethodOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), fromkeys.get(), names.get()));
+    return Ref::steal(
+        PyObject_CallMethodOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), fromkeys.get(), names.get()));
 }
 
 Ref stamps_in(const Context& cx, PyObject* const* args) {
@@ -312,8 +314,7 @@ Ref say_unreadable(const Context& cx, PyObject* const* args) {
         call_method(unreadable.get(), cx.name(Name::add), {key.get()});
     }
     Ref logger = cx.global(Name::logger);
-    call_method(logger.get(), cx.name(Name::warning), {st.text_unreadable_message, key.get(), Py_True},
-                st.kw_exc_info);
+    call_method(logger.get(), cx.name(Name::warning), {st.text_unreadable_message, key.get(), Py_True}, st.kw_exc_info);
     return Ref::borrow(Py_None);
 }
 

@@ -7,7 +7,8 @@ import time
 import types
 
 import pytest
-from hypothesis import given, settings, strategies as st
+from hypothesis import given, settings
+from hypothesis import strategies as st
 
 from zobek_lumeno.utils import agent_skills as m
 
@@ -76,30 +77,33 @@ def fillers(count):
     return {f"extra{i}": (f".extra{i:02}/skills",) for i in range(count)}
 
 
-@pytest.mark.parametrize("scope, agents, expected", [
-    ("project", ["claude"], [C]),
-    ("project", ["cursor-agent"], [CU]),
-    ("project", ["windsurf"], [W]),
-    ("project", ["copilot"], [G]),
-    ("project", ["claude", "cursor-agent"], [C]),
-    ("project", ["claude", "copilot"], [C]),
-    ("project", ["claude", "windsurf"], [C, W]),
-    ("project", ["cursor-agent", "copilot"], [CU, G]),
-    ("project", ["claude", "cursor-agent", "copilot"], [C]),
-    ("project", ["cursor-agent", "windsurf", "copilot"], [CU, G, W]),
-    ("project", ALL, [C, W]),
-    ("user", ["windsurf"], [".codeium/windsurf/skills"]),
-    ("user", ["copilot"], [".copilot/skills"]),
-    ("user", ["claude", "cursor-agent"], [C]),
-    ("user", ["claude", "copilot"], [C, ".copilot/skills"]),
-    ("user", ["cursor-agent", "copilot"], [".copilot/skills", CU]),
-    ("user", ALL, [C, ".codeium/windsurf/skills", ".copilot/skills"]),
-    ("User", ["windsurf"], [W]),
-    ("global", ALL, [C, W]),
-    (None, ["cursor-agent", "copilot"], [CU, G]),
-    ("user", [], []),
-    ("project", ["Claude", "nobody"], []),
-])
+@pytest.mark.parametrize(
+    "scope, agents, expected",
+    [
+        ("project", ["claude"], [C]),
+        ("project", ["cursor-agent"], [CU]),
+        ("project", ["windsurf"], [W]),
+        ("project", ["copilot"], [G]),
+        ("project", ["claude", "cursor-agent"], [C]),
+        ("project", ["claude", "copilot"], [C]),
+        ("project", ["claude", "windsurf"], [C, W]),
+        ("project", ["cursor-agent", "copilot"], [CU, G]),
+        ("project", ["claude", "cursor-agent", "copilot"], [C]),
+        ("project", ["cursor-agent", "windsurf", "copilot"], [CU, G, W]),
+        ("project", ALL, [C, W]),
+        ("user", ["windsurf"], [".codeium/windsurf/skills"]),
+        ("user", ["copilot"], [".copilot/skills"]),
+        ("user", ["claude", "cursor-agent"], [C]),
+        ("user", ["claude", "copilot"], [C, ".copilot/skills"]),
+        ("user", ["cursor-agent", "copilot"], [".copilot/skills", CU]),
+        ("user", ALL, [C, ".codeium/windsurf/skills", ".copilot/skills"]),
+        ("User", ["windsurf"], [W]),
+        ("global", ALL, [C, W]),
+        (None, ["cursor-agent", "copilot"], [CU, G]),
+        ("user", [], []),
+        ("project", ["Claude", "nobody"], []),
+    ],
+)
 def test_results(path, scope, agents, expected):
     for keys in (agents, agents[::-1], iter(agents + agents[::-1] + agents)):
         first, second = m.resolve_skill_dirs(keys, scope), m.resolve_skill_dirs(agents, scope=scope)
@@ -109,25 +113,28 @@ def test_results(path, scope, agents, expected):
     assert all(m.resolve_skill_dirs(p, scope) == expected for p in itertools.permutations(agents))
 
 
-@pytest.mark.parametrize("roots, selection, expected", [
-    (PROJECT, (C, W), (0, 2, 2)),
-    (PROJECT, (C, CU, W), (1, 1, 3)),
-    (PROJECT, (C, CU, G, W), (2, 0, 4)),
-    (PROJECT, (W, G, CU, C), (2, 0, 4)),
-    (PROJECT, (CU, G, W), None),
-    (PROJECT, (C, CU, G), None),
-    (PROJECT, (), None),
-    ({"cursor-agent": (CU, C)}, (CU,), (0, 0, 1)),
-    ({"cursor-agent": (CU, C)}, (C,), (0, 1, 1)),
-    ({"cursor-agent": (CU, C)}, (CU, C), (1, 0, 2)),
-    ({"a": (C, CU), "b": (CU, C)}, (C,), (0, 1, 1)),
-    ({"a": (C, CU), "b": (CU, C)}, (CU,), (0, 1, 1)),
-    ({}, (), (0, 0, 0)),
-    ({}, (".x", ".y"), (0, 0, 2)),
-    ({"claude": (C,)}, (C, C), (0, 0, 2)),
-    ({"claude": (C,), "other": (".o",)}, (C, ".unread"), None),
-    ({"claude": [C, C]}, [C], (1, 0, 1)),
-])
+@pytest.mark.parametrize(
+    "roots, selection, expected",
+    [
+        (PROJECT, (C, W), (0, 2, 2)),
+        (PROJECT, (C, CU, W), (1, 1, 3)),
+        (PROJECT, (C, CU, G, W), (2, 0, 4)),
+        (PROJECT, (W, G, CU, C), (2, 0, 4)),
+        (PROJECT, (CU, G, W), None),
+        (PROJECT, (C, CU, G), None),
+        (PROJECT, (), None),
+        ({"cursor-agent": (CU, C)}, (CU,), (0, 0, 1)),
+        ({"cursor-agent": (CU, C)}, (C,), (0, 1, 1)),
+        ({"cursor-agent": (CU, C)}, (CU, C), (1, 0, 2)),
+        ({"a": (C, CU), "b": (CU, C)}, (C,), (0, 1, 1)),
+        ({"a": (C, CU), "b": (CU, C)}, (CU,), (0, 1, 1)),
+        ({}, (), (0, 0, 0)),
+        ({}, (".x", ".y"), (0, 0, 2)),
+        ({"claude": (C,)}, (C, C), (0, 0, 2)),
+        ({"claude": (C,), "other": (".o",)}, (C, ".unread"), None),
+        ({"claude": [C, C]}, [C], (1, 0, 1)),
+    ],
+)
 def test_score(roots, selection, expected):
     score = m._score(selection, roots)
     assert score == ref_score(selection, roots)
@@ -152,20 +159,22 @@ def test_score_order_and_early_miss():
         m._score((x for x in [C]), {"claude": (C,)})
 
 
-@pytest.mark.parametrize("agents, expected", [
-    ({"a": (C, CU), "b": (CU, C)}, [C]),
-    # (a, e) and (b, c) rank alike; the first differing root decides, not the order of discovery
-    ({"w": ("d", "b", "e"), "x": ("c", "e"), "y": ("e", "b"), "z": ("a", "c")}, ["a", "e"]),
-])
+@pytest.mark.parametrize(
+    "agents, expected",
+    [
+        ({"a": (C, CU), "b": (CU, C)}, [C]),
+        # (a, e) and (b, c) rank alike; the first differing root decides, not the order of discovery
+        ({"w": ("d", "b", "e"), "x": ("c", "e"), "y": ("e", "b"), "z": ("a", "c")}, ["a", "e"]),
+    ],
+)
 def test_equal_ranks_fall_to_the_roots(path, monkeypatch, agents, expected):
     monkeypatch.setattr(m, "AGENT_SKILL_ROOTS", table(**agents))
     assert m.resolve_skill_dirs(agents) == expected
 
 
-@pytest.mark.parametrize("order, expected", [
-    (ALL, [C, W]),
-    (["cursor-agent", "copilot", "claude", "windsurf"], [C, CU, G, W]),
-])
+@pytest.mark.parametrize(
+    "order, expected", [(ALL, [C, W]), (["cursor-agent", "copilot", "claude", "windsurf"], [C, CU, G, W])]
+)
 def test_greedy_beyond_limit(path, monkeypatch, order, expected):
     extra = fillers(9)
     monkeypatch.setattr(m, "AGENT_SKILL_ROOTS", table(**PROJECT, **extra))
@@ -212,26 +221,41 @@ GREEDY_ORDER = ["cursor-agent", "copilot", "claude", "windsurf"]
 SIZES = [((C, CU, G), size) for size in (1, 2, 3)]
 
 
-@pytest.mark.parametrize("obj, name, value, keys, expected, events", [
-    (m, "agent_roots", lambda k, s: {"x": (".b", ".a")}, [], [".b"], []),
-    (m, "read_roots", lambda r: RR(r) + [".unread"], ["claude"], [C], []),
-    (m, "read_roots", lambda r: [".a", C], ["claude"], [C], []),
-    (m, "_score", lambda s, r: (-len(s), s), ALL, [C, CU, G, W], []),
-    (m, "_score", lambda s, r: None, ALL, [], []),
-    (m, "itertools", stand_in_module(), ["cursor-agent", "copilot"], [CU, G], SIZES),
-    (m, "itertools", CountingItertools(), ["cursor-agent", "copilot"], [CU, G], ["combinations"] * 3),
-    (itertools, "combinations", recording, ["cursor-agent", "copilot"], [CU, G], SIZES),
-    (m, "_EXHAUSTIVE_SEARCH_LIMIT", 3, GREEDY_ORDER, [C, CU, G, W], []),
-    (m, "_EXHAUSTIVE_SEARCH_LIMIT", 1, ALL, [C, W], []),
-    (m, "_EXHAUSTIVE_SEARCH_LIMIT", 4.5, GREEDY_ORDER, [C, W], []),
-], ids=["agent_roots", "read_roots-unread", "read_roots-short", "score-largest", "score-none", "itertools-module",
-        "itertools-getattr", "combinations", "limit-3", "limit-1", "limit-float"])
+@pytest.mark.parametrize(
+    "obj, name, value, keys, expected, events",
+    [
+        (m, "agent_roots", lambda k, s: {"x": (".b", ".a")}, [], [".b"], []),
+        (m, "read_roots", lambda r: RR(r) + [".unread"], ["claude"], [C], []),
+        (m, "read_roots", lambda r: [".a", C], ["claude"], [C], []),
+        (m, "_score", lambda s, r: (-len(s), s), ALL, [C, CU, G, W], []),
+        (m, "_score", lambda s, r: None, ALL, [], []),
+        (m, "itertools", stand_in_module(), ["cursor-agent", "copilot"], [CU, G], SIZES),
+        (m, "itertools", CountingItertools(), ["cursor-agent", "copilot"], [CU, G], ["combinations"] * 3),
+        (itertools, "combinations", recording, ["cursor-agent", "copilot"], [CU, G], SIZES),
+        (m, "_EXHAUSTIVE_SEARCH_LIMIT", 3, GREEDY_ORDER, [C, CU, G, W], []),
+        (m, "_EXHAUSTIVE_SEARCH_LIMIT", 1, ALL, [C, W], []),
+        (m, "_EXHAUSTIVE_SEARCH_LIMIT", 4.5, GREEDY_ORDER, [C, W], []),
+    ],
+    ids=[
+        "agent_roots",
+        "read_roots-unread",
+        "read_roots-short",
+        "score-largest",
+        "score-none",
+        "itertools-module",
+        "itertools-getattr",
+        "combinations",
+        "limit-3",
+        "limit-1",
+        "limit-float",
+    ],
+)
 def test_late_binding(path, monkeypatch, obj, name, value, keys, expected, events):
     m.resolve_skill_dirs(keys)
     EVENTS.clear()
     monkeypatch.setattr(obj, name, value)
     assert m.resolve_skill_dirs(keys) == expected
-    assert EVENTS == events
+    assert events == EVENTS
 
 
 class Sub(str):
@@ -249,7 +273,9 @@ class Caseless(str):
 ODD = {
     "lists": lambda mp: mp.setattr(m, "AGENT_SKILL_ROOTS", table(a=[CU, C], b=[C], c=[G, C, C])),
     "ints": lambda mp: mp.setattr(m, "AGENT_SKILL_ROOTS", table(a=(3, 1), b=(1,), c=(2, 3))),
-    "subclass": lambda mp: mp.setattr(m, "AGENT_SKILL_ROOTS", table(a=(Sub(CU), C), b=(Sub(C),), c=(G, Sub(C)))),
+    "subclass": lambda mp: mp.setattr(
+        m, "AGENT_SKILL_ROOTS", table(a=(Sub(CU), C), b=(Sub(C),), c=(G, Sub(C)))
+    ),
     "caseless": lambda mp: mp.setattr(m, "AGENT_SKILL_ROOTS", table(a=(C,), b=(Caseless(C.upper()), G))),
     "int beside candidates": lambda mp: (
         mp.setattr(m, "AGENT_SKILL_ROOTS", table(a=(C,), b=(1, C))),
@@ -315,8 +341,11 @@ names = st.text(st.characters(codec="utf-8", exclude_categories=["Cs"]), min_siz
 
 
 @settings(max_examples=150, deadline=None)
-@given(data=st.data(), pool=st.lists(names, min_size=1, max_size=12, unique=True),
-       scope=st.sampled_from(["project", "user"]))
+@given(
+    data=st.data(),
+    pool=st.lists(names, min_size=1, max_size=12, unique=True),
+    scope=st.sampled_from(["project", "user"]),
+)
 def test_paths_agree_on_random_tables(data, pool, scope):
     agents = data.draw(st.lists(names, min_size=1, max_size=6, unique=True))
     roots = st.lists(st.sampled_from(pool), min_size=1, max_size=3).map(tuple)

@@ -33,20 +33,30 @@ def test_skill_roots_is_made_as_a_class_statement_makes_it():
     exec(SKILL_ROOTS_SOURCE, namespace)
     reference, cls = namespace["SkillRoots"], m.SkillRoots
     assert list(vars(cls)) == list(vars(reference))
-    for attribute in ("__doc__", "__module__", "__qualname__", "_fields", "_field_defaults", "__orig_bases__"):
+    for attribute in (
+        "__doc__",
+        "__module__",
+        "__qualname__",
+        "_fields",
+        "_field_defaults",
+        "__orig_bases__",
+    ):
         assert getattr(cls, attribute) == getattr(reference, attribute), attribute
     assert type(cls) is type(reference) and cls.__mro__[1:] == reference.__mro__[1:]
     # The host's NamedTuple wraps the annotation texts in forward references.
     assert list(cls.__annotations__.items()) == list(reference.__annotations__.items())
     assert [(k, v.__forward_arg__) for k, v in cls.__annotations__.items()] == [
-        ("project", "tuple[str, ...]"), ("user", "tuple[str, ...]"),
+        ("project", "tuple[str, ...]"),
+        ("user", "tuple[str, ...]"),
     ]
     assert cls._fields == ("project", "user") and cls._field_defaults == {}
     assert cls.__doc__.endswith("        user: Relative to the home directory.\n    ")
     record = cls(user=("u",), project=("p",))
     assert record == (("p",), ("u",)) and (record.project, record.user) == (("p",), ("u",))
     assert repr(record) == "SkillRoots(project=('p',), user=('u',))"
-    with pytest.raises(TypeError, match=r"^SkillRoots.__new__\(\) missing 1 required positional argument: 'user'$"):
+    with pytest.raises(
+        TypeError, match=r"^SkillRoots.__new__\(\) missing 1 required positional argument: 'user'$"
+    ):
         cls(project=())
 
 
@@ -55,8 +65,12 @@ def test_agent_table():
     assert type(table) is dict and all(type(record) is m.SkillRoots for record in table.values())
     assert list(table.items()) == [
         ("claude", m.SkillRoots(project=(".claude/skills",), user=(".claude/skills",))),
-        ("cursor-agent", m.SkillRoots(project=(".cursor/skills", ".claude/skills"),
-                                      user=(".cursor/skills", ".claude/skills"))),
+        (
+            "cursor-agent",
+            m.SkillRoots(
+                project=(".cursor/skills", ".claude/skills"), user=(".cursor/skills", ".claude/skills")
+            ),
+        ),
         ("windsurf", m.SkillRoots(project=(".windsurf/skills",), user=(".codeium/windsurf/skills",))),
         ("copilot", m.SkillRoots(project=(".github/skills", ".claude/skills"), user=(".copilot/skills",))),
     ]
@@ -80,8 +94,11 @@ WINDSURF_PROJECT = [("windsurf", (".windsurf/skills",))]
 @pytest.mark.parametrize(
     "keys, scope, expected",
     [
-        (["copilot", "claude", "copilot"], "project",
-         [("copilot", (".github/skills", ".claude/skills")), ("claude", (".claude/skills",))]),
+        (
+            ["copilot", "claude", "copilot"],
+            "project",
+            [("copilot", (".github/skills", ".claude/skills")), ("claude", (".claude/skills",))],
+        ),
         (["windsurf", "nobody"], "user", WINDSURF_USER),
         (["windsurf"], "global", WINDSURF_PROJECT),
         (["windsurf"], "User", WINDSURF_PROJECT),
@@ -93,10 +110,17 @@ WINDSURF_PROJECT = [("windsurf", (".windsurf/skills",))]
         ([], "user", []),
         ("claude", "user", []),  # a text is an iterable of one-letter keys
         ([1, None, ("claude",), b"claude"], "user", []),
-        (lambda: (k for k in ["copilot", "windsurf"]), "user", [("copilot", (".copilot/skills",))] + WINDSURF_USER),
+        (
+            lambda: (k for k in ["copilot", "windsurf"]),
+            "user",
+            [("copilot", (".copilot/skills",))] + WINDSURF_USER,
+        ),
         ({"windsurf"}, "project", WINDSURF_PROJECT),
-        ({"cursor-agent": 0, "claude": 1}, "user",
-         [("cursor-agent", (".cursor/skills", ".claude/skills")), ("claude", (".claude/skills",))]),
+        (
+            {"cursor-agent": 0, "claude": 1},
+            "user",
+            [("cursor-agent", (".cursor/skills", ".claude/skills")), ("claude", (".claude/skills",))],
+        ),
     ],
 )
 def test_agent_roots(keys, scope, expected):
@@ -169,7 +193,7 @@ def test_queries_read_the_table_bound_now(monkeypatch, wrap):
 @pytest.mark.parametrize("query", [m.skill_capable_agents, lambda: m.agent_roots(["claude"], "user")])
 def test_an_unbound_table_is_a_name_error(monkeypatch, query):
     monkeypatch.delattr(m, "AGENT_SKILL_ROOTS")
-    with pytest.raises(NameError, match="^name 'AGENT_SKILL_ROOTS' is not defined$") as caught:
+    with pytest.raises(NameError, match=r"^name 'AGENT_SKILL_ROOTS' is not defined$") as caught:
         query()
     assert caught.value.name == "AGENT_SKILL_ROOTS"
 

@@ -45,7 +45,9 @@ def build(base, layout):
 
 def assert_logged(caplog, keys, error_type=None, error=None):
     got = [r for r in caplog.records if r.msg == MSG or r.name == NAME]
-    assert [(r.name, r.levelno, r.msg, r.args) for r in got] == [(NAME, logging.WARNING, MSG, (k,)) for k in keys]
+    assert [(r.name, r.levelno, r.msg, r.args) for r in got] == [
+        (NAME, logging.WARNING, MSG, (k,)) for k in keys
+    ]
     for r in got:
         assert r.exc_info[0] is type(r.exc_info[1]) is (error_type or type(error))
         assert error is None or r.exc_info[1] is error
@@ -56,18 +58,39 @@ PLAIN = ("1.0", None, None)
 TREES = {
     "plain": ({}, "skills", PLAIN, None),
     "skill dir links out": (
-        {"outside/lumeno-map/SKILL.md": stamp("6.6"), "skills/lumeno-map": "->../outside/lumeno-map"}, "skills", PLAIN, None),
+        {"outside/lumeno-map/SKILL.md": stamp("6.6"), "skills/lumeno-map": "->../outside/lumeno-map"},
+        "skills",
+        PLAIN,
+        None,
+    ),
     "SKILL.md links out": (
-        {"outside/x.md": stamp("6.6"), "skills/lumeno-map/SKILL.md": "->../../outside/x.md"}, "skills", PLAIN, None),
+        {"outside/x.md": stamp("6.6"), "skills/lumeno-map/SKILL.md": "->../../outside/x.md"},
+        "skills",
+        PLAIN,
+        None,
+    ),
     "prefix sibling": (
         {"skills-old/lumeno-map/SKILL.md": stamp("6.6"), "skills/lumeno-map": "->../skills-old/lumeno-map"},
-        "skills", PLAIN, None),
+        "skills",
+        PLAIN,
+        None,
+    ),
     "out and back in": (
-        {"skills/store/real.md": stamp("2.0"), "outside/hop": "->../skills/store/real.md",
-         "skills/lumeno-map/SKILL.md": "->../../outside/hop"}, "skills", ("1.0", "2.0", None), None),
+        {
+            "skills/store/real.md": stamp("2.0"),
+            "outside/hop": "->../skills/store/real.md",
+            "skills/lumeno-map/SKILL.md": "->../../outside/hop",
+        },
+        "skills",
+        ("1.0", "2.0", None),
+        None,
+    ),
     "loop of links": (
         {"skills/lumeno-map/SKILL.md": "->other", "skills/lumeno-map/other": "->SKILL.md"},
-        "skills", PLAIN, "skills/lumeno-map/SKILL.md"),
+        "skills",
+        PLAIN,
+        "skills/lumeno-map/SKILL.md",
+    ),
     "SKILL.md is a directory": ({"skills/lumeno-map/SKILL.md": "dir"}, "skills", PLAIN, None),
     "SKILL.md is a FIFO": ({"skills/lumeno-map/SKILL.md": "fifo"}, "skills", PLAIN, None),
     "link to missing file": ({"skills/lumeno-map/SKILL.md": "->gone.md"}, "skills", PLAIN, None),
@@ -117,9 +140,16 @@ TRIGGERS = [
 @pytest.mark.parametrize("make_error, warns", ERRORS)
 @pytest.mark.parametrize("method, rel, values, key", TRIGGERS)
 def test_scan_failures(base, caplog, monkeypatch, make_error, warns, method, rel, values, key):
-    build(base, {"skills/lumeno/SKILL.md": stamp("1.0"), "skills/store/real.md": stamp("2.0"),
-                 "skills/lumeno-map/SKILL.md": "->../store/real.md", "skills/lumeno-wiki/SKILL.md": stamp("3.0"),
-                 "via": "->skills"})
+    build(
+        base,
+        {
+            "skills/lumeno/SKILL.md": stamp("1.0"),
+            "skills/store/real.md": stamp("2.0"),
+            "skills/lumeno-map/SKILL.md": "->../store/real.md",
+            "skills/lumeno-wiki/SKILL.md": stamp("3.0"),
+            "via": "->skills",
+        },
+    )
     error = make_error()
     owner = m if method == "read_stamp" else pathlib.Path
     real = getattr(owner, method)

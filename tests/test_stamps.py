@@ -5,7 +5,8 @@ import re
 import sys
 
 import pytest
-from hypothesis import given, strategies as st
+from hypothesis import given
+from hypothesis import strategies as st
 
 from zobek_lumeno.utils import agent_skills as m
 
@@ -21,7 +22,10 @@ FILES = {
     "front matter": (b"---\nname: lumeno\nversion: 1.2.3\ndescription: x\n---\n# Body\n", "1.2.3"),
     "capital V": (b"Version: 1.2.3\n", None),
     "indented": (b" version: 1.2.3\n", None),
-    "bad lines then good": (b"version: v1.0\nversion: '1.1'\nversion: 1.2.3-rc.1_x\nversion: 9\n", "1.2.3-rc.1_x"),
+    "bad lines then good": (
+        b"version: v1.0\nversion: '1.1'\nversion: 1.2.3-rc.1_x\nversion: 9\n",
+        "1.2.3-rc.1_x",
+    ),
     "trailing comment": (b"version: 1.2.3 # pinned\n", None),
     "plus sign": (b"version: 1.2.3+local\n", None),
     "trailing blanks": (b"---\r\nversion: 2024.05 \t\xc2\xa0\r\n---\r\n", "2024.05"),
@@ -58,10 +62,23 @@ def outcome(call):
 
 @pytest.mark.parametrize(
     "name, size, expected",
-    [("dir", N, IsADirectoryError), ("missing", N, FileNotFoundError), ("f/x", N, NotADirectoryError),
-     ("loop", N, OSError), ("a\0b", N, ValueError), ("f", 12, None), ("f", 13, "1.0"), ("f", 0, None),
-     ("f", -1, "1.0"), ("f", None, "1.0"), ("f", 10**7, "1.0"), ("f", -2, ValueError), ("f", 2.5, TypeError),
-     ("f", "13", TypeError), ("f", 2**70, OverflowError)],
+    [
+        ("dir", N, IsADirectoryError),
+        ("missing", N, FileNotFoundError),
+        ("f/x", N, NotADirectoryError),
+        ("loop", N, OSError),
+        ("a\0b", N, ValueError),
+        ("f", 12, None),
+        ("f", 13, "1.0"),
+        ("f", 0, None),
+        ("f", -1, "1.0"),
+        ("f", None, "1.0"),
+        ("f", 10**7, "1.0"),
+        ("f", -2, ValueError),
+        ("f", 2.5, TypeError),
+        ("f", "13", TypeError),
+        ("f", 2**70, OverflowError),
+    ],
 )
 def test_read_errors_and_head_sizes_as_the_host_reads_them(tmp_path, monkeypatch, name, size, expected):
     (tmp_path / "dir").mkdir()
@@ -97,7 +114,9 @@ def test_reads_head_once_and_closes(tmp_path, monkeypatch, fail):
     f = tmp_path / "big.md"
     f.write_bytes(b"---\nversion: 4.2\n---\n" + b"x" * (8 << 20))
     handles, real = [], pathlib.Path.open
-    monkeypatch.setattr(pathlib.Path, "open", lambda self, *a: handles.append(Handle(real(self, *a), fail)) or handles[-1])
+    monkeypatch.setattr(
+        pathlib.Path, "open", lambda self, *a: handles.append(Handle(real(self, *a), fail)) or handles[-1]
+    )
     if fail:
         with pytest.raises(OSError) as caught:
             m.read_stamp(f)
@@ -120,11 +139,25 @@ def test_read_stamp_late_binding(tmp_path, monkeypatch):
 @pytest.mark.parametrize(
     "v, key",
     [
-        ("1.10.0", (1, 10, 0)), ("1.10", (1, 10)), ("1.2.3rc1", (1, 2, 3)), ("2.0-beta", (2, 0)),
-        ("1.2.dev4", (1, 2, 0)), ("v1.2", (0, 2)), ("01.002", (1, 2)), ("1..2", (1, 0, 2)),
-        ("1.2.", (1, 2, 0)), ("", (0,)), ("0000", (0,)), (" 1", (0,)), ("-3", (0,)), ("1_000", (1,)),
-        ("\u0661\u0662.\uff13\uff14", (12, 34)), ("\u0967\u0966.\u00b2", (10, 0)),
-        ("18446744073709551616", (2**64,)), ("9" * 19, (10**19 - 1,)), ("0" * 30 + "7", (7,)),
+        ("1.10.0", (1, 10, 0)),
+        ("1.10", (1, 10)),
+        ("1.2.3rc1", (1, 2, 3)),
+        ("2.0-beta", (2, 0)),
+        ("1.2.dev4", (1, 2, 0)),
+        ("v1.2", (0, 2)),
+        ("01.002", (1, 2)),
+        ("1..2", (1, 0, 2)),
+        ("1.2.", (1, 2, 0)),
+        ("", (0,)),
+        ("0000", (0,)),
+        (" 1", (0,)),
+        ("-3", (0,)),
+        ("1_000", (1,)),
+        ("\u0661\u0662.\uff13\uff14", (12, 34)),
+        ("\u0967\u0966.\u00b2", (10, 0)),
+        ("18446744073709551616", (2**64,)),
+        ("9" * 19, (10**19 - 1,)),
+        ("0" * 30 + "7", (7,)),
     ],
 )
 def test_version_tuple(v, key):
@@ -172,18 +205,25 @@ def test_version_tuple_asks_anything_but_str_to_split():
     odd = type("Text", (str,), {})("1.2")
     odd.split = lambda sep: ["7", "x"]
     assert m.version_tuple(Dashed("1-2.3")) == (1, 2, 3) and m.version_tuple(odd) == (7, 0)
-    with pytest.raises(TypeError, match="^expected string or bytes-like object, got 'int'$"):
+    with pytest.raises(TypeError, match=r"^expected string or bytes-like object, got 'int'$"):
         m.version_tuple(type("Odd", (), {"split": lambda self, sep: [5]})())
 
 
 @pytest.mark.parametrize(
     "rel, strict, expected",
     [
-        (".", True, "skills"), ("a/file", True, "skills/a/file"), ("in/file", True, "skills/a/file"),
-        ("hop/file", True, "skills/a/file"), ("out", True, None), ("../skills-old/x", True, None),
-        ("missing", True, FileNotFoundError), ("missing/x/../y", False, "skills/missing/y"),
-        ("out/missing", False, None), ("a/file/child", True, NotADirectoryError),
-        ("l1", True, RuntimeError), ("l1", False, RuntimeError),
+        (".", True, "skills"),
+        ("a/file", True, "skills/a/file"),
+        ("in/file", True, "skills/a/file"),
+        ("hop/file", True, "skills/a/file"),
+        ("out", True, None),
+        ("../skills-old/x", True, None),
+        ("missing", True, FileNotFoundError),
+        ("missing/x/../y", False, "skills/missing/y"),
+        ("out/missing", False, None),
+        ("a/file/child", True, NotADirectoryError),
+        ("l1", True, RuntimeError),
+        ("l1", False, RuntimeError),
     ],
 )
 def test_inside_root(tmp_path, rel, strict, expected):
@@ -191,8 +231,14 @@ def test_inside_root(tmp_path, rel, strict, expected):
     for d in ["skills/a", "skills-old/x", "outside"]:
         (t / d).mkdir(parents=True)
     (t / "skills/a/file").write_text("x")
-    for link, target in [("skills/in", "a"), ("skills/out", "../outside"), ("skills/hop", "../outside/back"),
-                         ("outside/back", "../skills/a"), ("skills/l1", "l2"), ("skills/l2", "l1")]:
+    for link, target in [
+        ("skills/in", "a"),
+        ("skills/out", "../outside"),
+        ("skills/hop", "../outside/back"),
+        ("outside/back", "../skills/a"),
+        ("skills/l1", "l2"),
+        ("skills/l2", "l1"),
+    ]:
         os.symlink(target, t / link)
     root = t / "skills"
     if isinstance(expected, type):

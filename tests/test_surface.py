@@ -27,14 +27,46 @@ MODULE = "zobek_lumeno.utils.agent_skills"
 STANDARD = {"__name__", "__loader__", "__spec__", "__file__", "__cached__", "__builtins__", "__path__"}
 
 BINDING_ORDER = [
-    "__doc__", "__package__", "__annotations__",
-    "itertools", "logging", "re", "Iterable", "Path", "NamedTuple", "__version__", "logger",
-    "SKILL_DIR_NAME", "MAP_SKILL_DIR_NAME", "WIKI_SKILL_DIR_NAME", "SKILL_NAMES", "SKILL_FILE",
-    "STAMP_HEAD_BYTES", "_VERSION_RE", "DEFAULT_AGENTS", "SkillRoots", "AGENT_SKILL_ROOTS",
-    "_EXHAUSTIVE_SEARCH_LIMIT", "_Score", "_UNREADABLE", "_PLAIN_WORD",
-    "skill_capable_agents", "agent_roots", "read_roots", "_score", "resolve_skill_dirs", "read_stamp",
-    "version_tuple", "inside_root", "InstalledSkill", "installed_skill_versions", "_stamps_in",
-    "_stamp_inside", "_say_unreadable", "_update_command", "_shell_word",
+    "__doc__",
+    "__package__",
+    "__annotations__",
+    "itertools",
+    "logging",
+    "re",
+    "Iterable",
+    "Path",
+    "NamedTuple",
+    "__version__",
+    "logger",
+    "SKILL_DIR_NAME",
+    "MAP_SKILL_DIR_NAME",
+    "WIKI_SKILL_DIR_NAME",
+    "SKILL_NAMES",
+    "SKILL_FILE",
+    "STAMP_HEAD_BYTES",
+    "_VERSION_RE",
+    "DEFAULT_AGENTS",
+    "SkillRoots",
+    "AGENT_SKILL_ROOTS",
+    "_EXHAUSTIVE_SEARCH_LIMIT",
+    "_Score",
+    "_UNREADABLE",
+    "_PLAIN_WORD",
+    "skill_capable_agents",
+    "agent_roots",
+    "read_roots",
+    "_score",
+    "resolve_skill_dirs",
+    "read_stamp",
+    "version_tuple",
+    "inside_root",
+    "InstalledSkill",
+    "installed_skill_versions",
+    "_stamps_in",
+    "_stamp_inside",
+    "_say_unreadable",
+    "_update_command",
+    "_shell_word",
 ]
 
 MODULE_DOC = (
@@ -51,13 +83,20 @@ def test_identity():
     assert not hasattr(m, "__all__")
     assert (m.__name__, m.__package__, m.__doc__) == (MODULE, "zobek_lumeno.utils", MODULE_DOC)
     assert list(m.__annotations__.items()) == [
-        ("SKILL_NAMES", "tuple[str, ...]"), ("AGENT_SKILL_ROOTS", "dict[str, SkillRoots]"), ("_UNREADABLE", "set[str]"),
+        ("SKILL_NAMES", "tuple[str, ...]"),
+        ("AGENT_SKILL_ROOTS", "dict[str, SkillRoots]"),
+        ("_UNREADABLE", "set[str]"),
     ]
     assert sys.modules[MODULE] is m
     imported = {
-        "itertools": sys.modules["itertools"], "logging": sys.modules["logging"], "re": sys.modules["re"],
-        "Iterable": collections.abc.Iterable, "Path": pathlib.Path, "NamedTuple": typing.NamedTuple,
-        "__version__": zobek_lumeno.__version__, "logger": logging.getLogger(MODULE),
+        "itertools": sys.modules["itertools"],
+        "logging": sys.modules["logging"],
+        "re": sys.modules["re"],
+        "Iterable": collections.abc.Iterable,
+        "Path": pathlib.Path,
+        "NamedTuple": typing.NamedTuple,
+        "__version__": zobek_lumeno.__version__,
+        "logger": logging.getLogger(MODULE),
     }
     assert [name for name, value in imported.items() if getattr(m, name) is not value] == []
 
@@ -70,9 +109,16 @@ def test_version_is_copied_once(monkeypatch):
 
 @pytest.mark.parametrize(
     "name, value",
-    [("SKILL_DIR_NAME", "lumeno"), ("MAP_SKILL_DIR_NAME", "lumeno-map"), ("WIKI_SKILL_DIR_NAME", "lumeno-wiki"),
-     ("SKILL_NAMES", ("lumeno", "lumeno-map", "lumeno-wiki")), ("SKILL_FILE", "SKILL.md"),
-     ("STAMP_HEAD_BYTES", 2048), ("DEFAULT_AGENTS", ("claude",)), ("_EXHAUSTIVE_SEARCH_LIMIT", 12)],
+    [
+        ("SKILL_DIR_NAME", "lumeno"),
+        ("MAP_SKILL_DIR_NAME", "lumeno-map"),
+        ("WIKI_SKILL_DIR_NAME", "lumeno-wiki"),
+        ("SKILL_NAMES", ("lumeno", "lumeno-map", "lumeno-wiki")),
+        ("SKILL_FILE", "SKILL.md"),
+        ("STAMP_HEAD_BYTES", 2048),
+        ("DEFAULT_AGENTS", ("claude",)),
+        ("_EXHAUSTIVE_SEARCH_LIMIT", 12),
+    ],
 )
 def test_constants(name, value):
     got = getattr(m, name)
@@ -92,10 +138,19 @@ def test_derived_values():
 
 @pytest.mark.parametrize(
     "text, found",
-    [("version: 1.2.3", "1.2.3"), ("version:1.2.3", "1.2.3"), ("---\nversion: 1.2.3  \nname: x", "1.2.3"),
-     ("version:\n1.2.3", "1.2.3"), ("version: 1.2.3\nversion: 4.5.6", "1.2.3"), ("version: 1.2-rc_1", "1.2-rc_1"),
-     ("version: v1.2", None), ("Version: 1.2.3", None), ("  version: 1.2.3", None), ("version: 1.2.3 beta", None),
-     ("version: \u0661.2", None)],  # an Arabic-Indic digit is no ASCII digit
+    [
+        ("version: 1.2.3", "1.2.3"),
+        ("version:1.2.3", "1.2.3"),
+        ("---\nversion: 1.2.3  \nname: x", "1.2.3"),
+        ("version:\n1.2.3", "1.2.3"),
+        ("version: 1.2.3\nversion: 4.5.6", "1.2.3"),
+        ("version: 1.2-rc_1", "1.2-rc_1"),
+        ("version: v1.2", None),
+        ("Version: 1.2.3", None),
+        ("  version: 1.2.3", None),
+        ("version: 1.2.3 beta", None),
+        ("version: \u0661.2", None),
+    ],  # an Arabic-Indic digit is no ASCII digit
 )
 def test_version_pattern(text, found):
     match = m._VERSION_RE.search(text)
@@ -104,8 +159,18 @@ def test_version_pattern(text, found):
 
 @pytest.mark.parametrize(
     "text, plain",
-    [("--agent", True), ("/home/x/.claude", True), ("é", True), ("a+b:c", True),
-     ("", False), ("a b", False), ("a\\b", False), ("~", False), ("a\n", False), ("it's", False)],
+    [
+        ("--agent", True),
+        ("/home/x/.claude", True),
+        ("é", True),
+        ("a+b:c", True),
+        ("", False),
+        ("a b", False),
+        ("a\\b", False),
+        ("~", False),
+        ("a\n", False),
+        ("it's", False),
+    ],
 )
 def test_plain_word_pattern(text, plain):
     assert (m._PLAIN_WORD.fullmatch(text) is not None) is plain
@@ -121,13 +186,16 @@ def _run(script, *path_entries):
 def test_fresh_namespace(tmp_path):
     # In a new interpreter: other tests rebind names (which moves them to the end) and fill _UNREADABLE.
     shutil.copy(m.__file__, tmp_path)  # the same extension, loaded again outside any package
-    names, unreadable, top = _run(f"""
+    names, unreadable, top = _run(
+        f"""
         import json
         import {MODULE} as m
         import agent_skills as top
         print(json.dumps([list(vars(m)), [type(m._UNREADABLE).__name__, sorted(m._UNREADABLE)],
                           [top.__name__, top.__package__, top.logger.name, top.read_roots.__module__, top is m]]))
-    """, tmp_path)
+    """,
+        tmp_path,
+    )
     assert [n for n in names if n not in STANDARD] == BINDING_ORDER
     assert unreadable == ["set", []]
     assert top == ["agent_skills", "", "agent_skills", "agent_skills", False]
@@ -139,7 +207,8 @@ def test_failed_initialisation_leaves_nothing_registered(tmp_path):
     (package / "__init__.py").write_text('"""A host package without a version."""\n')
     installed_utils = pathlib.Path(m.__file__).parent
     (package / "utils" / "__init__.py").write_text(f"__path__.append({str(installed_utils)!r})\n")
-    report = _run(f"""
+    report = _run(
+        f"""
         import importlib, json, sys
         import zobek_lumeno
 
@@ -165,14 +234,20 @@ def test_failed_initialisation_leaves_nothing_registered(tmp_path):
             version=m.__version__, agents=m.skill_capable_agents(), unreadable=len(m._UNREADABLE),
             registered=sys.modules[{MODULE!r}] is m, file=m.__file__, init=zobek_lumeno.__file__,
         )))
-    """, tmp_path)
+    """,
+        tmp_path,
+    )
     init = str(package / "__init__.py")
     assert report["init"] == init
     message = f"cannot import name '__version__' from 'zobek_lumeno' ({init})"
     assert report["reference"] == message
     assert report["missing_version"] == ["ImportError", message, "zobek_lumeno", init, False]
     assert report["blocked_import"] == [
-        "ModuleNotFoundError", "import of itertools halted; None in sys.modules", "itertools", None, False,
+        "ModuleNotFoundError",
+        "import of itertools halted; None in sys.modules",
+        "itertools",
+        None,
+        False,
     ]
     assert report["version"] == "9.8.7" and report["registered"] and report["unreadable"] == 0
     assert report["agents"] == ["claude", "cursor-agent", "windsurf", "copilot"]
@@ -182,36 +257,77 @@ def test_failed_initialisation_leaves_nothing_registered(tmp_path):
 # --- the function type ------------------------------------------------------------------
 
 FUNCTIONS = [
-    ("skill_capable_agents", "() -> 'list[str]'",
-     "Agent keys with at least one verified skills directory."),
-    ("agent_roots", "(agent_keys: 'Iterable[str]', scope: 'str') -> 'dict[str, tuple[str, ...]]'",
-     "Skill-discovery roots per requested agent, for one scope."),
-    ("read_roots", "(roots: 'dict[str, tuple[str, ...]]') -> 'list[str]'",
-     "Every directory at least one of these agents reads, in name order."),
-    ("_score", "(selection: 'tuple[str, ...]', roots: 'dict[str, tuple[str, ...]]') -> '_Score | None'",
-     "Rank a candidate directory set. Lower is better; None if it misses an agent."),
-    ("resolve_skill_dirs", "(agent_keys: 'Iterable[str]', scope: 'str' = 'project') -> 'list[str]'",
-     "The directories to install skills into so each agent discovers them once."),
-    ("read_stamp", "(path: 'Path') -> 'str | None'",
-     "The version a skill file is stamped with, read from the head of the file only."),
-    ("version_tuple", "(v: 'str') -> 'tuple[int, ...]'",
-     "Lenient numeric version key ('1.10.0' -> (1, 10, 0)); non-ints count as 0."),
-    ("inside_root", "(root: 'Path', path: 'Path', *, strict: 'bool') -> 'Path | None'",
-     "``path`` with its links followed, when it stays under the resolved ``root``."),
-    ("InstalledSkill.stale", "(self) -> 'bool'",
-     "Whether the installed copy is older than the running package."),
-    ("installed_skill_versions", "(project_root: 'Path | None') -> 'list[InstalledSkill]'",
-     "The stamp of each embedded skill in every skills directory an agent reads."),
-    ("_stamps_in", "(directory: 'Path') -> 'dict[str, str | None]'",
-     "The stamp of each embedded skill in one skills directory, read only from inside it."),
-    ("_stamp_inside", "(root: 'Path', skill: 'str') -> 'str | None'",
-     "The stamp of one skill under a resolved skills directory; None when its file is outside."),
-    ("_say_unreadable", "(what: 'Path | str') -> 'None'",
-     "Log, once for each, a skills directory or file that cannot be read (call it in ``except``)."),
-    ("_update_command", "(scope: 'str', skills_dir: 'str', project_root: 'Path | None') -> 'str | None'",
-     "The command that installs the running package's skills into one skills directory."),
-    ("_shell_word", "(text: 'str') -> 'str'",
-     "The text as one word of a command line: in double quotes unless it needs none."),
+    ("skill_capable_agents", "() -> 'list[str]'", "Agent keys with at least one verified skills directory."),
+    (
+        "agent_roots",
+        "(agent_keys: 'Iterable[str]', scope: 'str') -> 'dict[str, tuple[str, ...]]'",
+        "Skill-discovery roots per requested agent, for one scope.",
+    ),
+    (
+        "read_roots",
+        "(roots: 'dict[str, tuple[str, ...]]') -> 'list[str]'",
+        "Every directory at least one of these agents reads, in name order.",
+    ),
+    (
+        "_score",
+        "(selection: 'tuple[str, ...]', roots: 'dict[str, tuple[str, ...]]') -> '_Score | None'",
+        "Rank a candidate directory set. Lower is better; None if it misses an agent.",
+    ),
+    (
+        "resolve_skill_dirs",
+        "(agent_keys: 'Iterable[str]', scope: 'str' = 'project') -> 'list[str]'",
+        "The directories to install skills into so each agent discovers them once.",
+    ),
+    (
+        "read_stamp",
+        "(path: 'Path') -> 'str | None'",
+        "The version a skill file is stamped with, read from the head of the file only.",
+    ),
+    (
+        "version_tuple",
+        "(v: 'str') -> 'tuple[int, ...]'",
+        "Lenient numeric version key ('1.10.0' -> (1, 10, 0)); non-ints count as 0.",
+    ),
+    (
+        "inside_root",
+        "(root: 'Path', path: 'Path', *, strict: 'bool') -> 'Path | None'",
+        "``path`` with its links followed, when it stays under the resolved ``root``.",
+    ),
+    (
+        "InstalledSkill.stale",
+        "(self) -> 'bool'",
+        "Whether the installed copy is older than the running package.",
+    ),
+    (
+        "installed_skill_versions",
+        "(project_root: 'Path | None') -> 'list[InstalledSkill]'",
+        "The stamp of each embedded skill in every skills directory an agent reads.",
+    ),
+    (
+        "_stamps_in",
+        "(directory: 'Path') -> 'dict[str, str | None]'",
+        "The stamp of each embedded skill in one skills directory, read only from inside it.",
+    ),
+    (
+        "_stamp_inside",
+        "(root: 'Path', skill: 'str') -> 'str | None'",
+        "The stamp of one skill under a resolved skills directory; None when its file is outside.",
+    ),
+    (
+        "_say_unreadable",
+        "(what: 'Path | str') -> 'None'",
+        "Log, once for each, a skills directory or file that cannot be read (call it in ``except``).",
+    ),
+    (
+        "_update_command",
+        "(scope: 'str', skills_dir: 'str', project_root: 'Path | None') -> 'str | None'",
+        "The command that installs the running package's skills into one skills directory.",
+    ),
+    (
+        "_shell_word",
+        "(text: 'str') -> 'str'",
+        "The text as one word of a command line: in double quotes unless it needs none.",
+    ),
 ]
 QUALNAMES = [q for q, _, _ in FUNCTIONS]
 
@@ -250,15 +366,18 @@ def test_function_metadata(qualname, signature, summary):
     assert copy.copy(f) is f and copy.deepcopy(f) is f
     reference.__doc__ = f.__doc__
     # pydoc's header names Python functions by type, which no extension type can match; the body must.
-    assert pydoc.render_doc(f, renderer=pydoc.plaintext).split("\n", 1)[1] == (
-        pydoc.render_doc(reference, renderer=pydoc.plaintext).split("\n", 1)[1]
+    assert (
+        pydoc.render_doc(f, renderer=pydoc.plaintext).split("\n", 1)[1]
+        == (pydoc.render_doc(reference, renderer=pydoc.plaintext).split("\n", 1)[1])
     )
 
 
 @pytest.mark.parametrize("qualname", [q for q in QUALNAMES if "." not in q])
 def test_functions_pickle_by_reference(qualname):
     f = real(qualname)
-    assert all(pickle.loads(pickle.dumps(f, protocol)) is f for protocol in range(pickle.HIGHEST_PROTOCOL + 1))
+    assert all(
+        pickle.loads(pickle.dumps(f, protocol)) is f for protocol in range(pickle.HIGHEST_PROTOCOL + 1)
+    )
 
 
 def test_property_getter_does_not_pickle_as_the_property():
@@ -275,9 +394,9 @@ def test_function_attributes():
         f.__dict__ = {}
     assert not hasattr(f, "note")
     for bad in (1, None, b"read_roots"):
-        with pytest.raises(TypeError, match="^__name__ must be set to a string object$"):
+        with pytest.raises(TypeError, match=r"^__name__ must be set to a string object$"):
             f.__name__ = bad
-    with pytest.raises(TypeError, match="^__qualname__ must be set to a string object$"):
+    with pytest.raises(TypeError, match=r"^__qualname__ must be set to a string object$"):
         f.__qualname__ = 2
     assert f.__name__ == f.__qualname__ == "read_roots"
 
@@ -312,7 +431,9 @@ def test_rebound_defaults_are_honoured(monkeypatch, tmp_path):
     assert f(["windsurf"]) == [".codeium/windsurf/skills"]
     assert str(inspect.signature(f)) == "(agent_keys: 'Iterable[str]', scope: 'str' = 'user') -> 'list[str]'"
     monkeypatch.setattr(f, "__defaults__", None)
-    with pytest.raises(TypeError, match=r"^resolve_skill_dirs\(\) missing 1 required positional argument: 'scope'$"):
+    with pytest.raises(
+        TypeError, match=r"^resolve_skill_dirs\(\) missing 1 required positional argument: 'scope'$"
+    ):
         f(["windsurf"])
     monkeypatch.setattr(m.inside_root, "__kwdefaults__", {"strict": False})
     assert m.inside_root(tmp_path, tmp_path / "absent") == tmp_path.resolve() / "absent"
@@ -343,7 +464,7 @@ def bad_calls(signature):
 def outcome(call, args, kwargs):
     try:
         call(*args, **kwargs)
-    except Exception as e:  # noqa: BLE001 - any other failure is a mismatch to report
+    except Exception as e:
         return f"{type(e).__name__}: {e}"
     return None
 
