@@ -1,5 +1,6 @@
 #include "function.hpp"
 
+#include <pthread.h>
 #include <structmember.h>
 
 #include <algorithm>
@@ -151,8 +152,31 @@ void bind(FunctionObject* f, PyObject* const* args, Py_ssize_t nargs, PyObject* 
     }
 }
 
+// Python-to-Python calls cost the host no C stack, but every call through one of these
+// functions does; with a raised recursion limit, recursion through them could run out of
+// stack before the limit is reached. Refuse as the host refuses deep recursion, while a
+// safe margin of the thread's stack is left.
+bool stack_nearly_exhausted() {
+    constexpr std::size_t margin = 256 * 1024;
+    thread_local const char* limit = [] {
+        pthread_attr_t attr;
+        void* base = nullptr;
+        std::size_t size = 0;
+        if (pthread_getattr_np(pthread_self(), &attr) == 0) {
+            pthread_attr_getstack(&attr, &base, &size);
+            pthread_attr_destroy(&attr);
+        }
+        return base != nullptr && size > 2 * margin ? static_cast<const char*>(base) + margin : nullptr;
+    }();
+    return limit != nullptr && static_cast<const char*>(__builtin_frame_address(0)) < limit;
+}
+
 PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t nargsf, PyObject* kwnames) {
     FunctionObject* f = as_function(self);
+    if (stack_nearly_exhausted()) {
+        PyErr_SetString(PyExc_RecursionError, "maximum recursion depth exceeded");
+        return nullptr;
+    }
     if (Py_EnterRecursiveCall("")) return nullptr;
     PyObject* result = nullptr;
     try {
