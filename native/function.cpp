@@ -157,7 +157,7 @@ void bind(FunctionObject* f, PyObject* const* args, Py_ssize_t nargs, PyObject* 
 // stack before the limit is reached. Refuse as the host refuses deep recursion, while a
 // safe margin of the thread's stack is left.
 bool stack_nearly_exhausted() {
-    constexpr std::size_t margin = 256 * 1024;
+    constexpr std::size_t margin = std::size_t{256} * 1024;
     thread_local const char* limit = [] {
         pthread_attr_t attr;
         void* base = nullptr;
