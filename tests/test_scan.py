@@ -1,7 +1,6 @@
 import logging
 import os
 import pathlib
-import stat
 
 import pytest
 
@@ -16,141 +15,97 @@ def stamp(v):
     return f"---\nname: x\nversion: {v}\n---\n# Skill\n"
 
 
+# "skills" is whole, its lumeno-map out and back in; each other top directory is a skills
+# directory with one odd lumeno-map, or an odd skills directory.
+TREE = {
+    "skills/lumeno/SKILL.md": stamp("1.0"),
+    "skills/store/real.md": stamp("2.0"),
+    "skills/lumeno-map/SKILL.md": "->../../outside/hop",
+    "outside/hop": "->../skills/store/real.md",
+    "skills/lumeno-wiki/SKILL.md": stamp("3.0"),
+    "via": "->skills",
+    "sibling/lumeno-map": "->../sibling-old/lumeno-map",
+    "sibling-old/lumeno-map/SKILL.md": stamp("6.6"),
+    "loop/lumeno-map/SKILL.md": "->other",
+    "loop/lumeno-map/other": "->SKILL.md",
+    "is-dir/lumeno-map/SKILL.md": "dir",
+    "dangling/lumeno-map/SKILL.md": "->gone.md",
+    "la": "->lb",
+    "lb": "->la",
+    "afile": "text",
+}
+
+
 @pytest.fixture(autouse=True)
-def unreadable(monkeypatch, caplog):
-    fresh = set()  # the module's own set only grows: each test starts from an empty one
-    monkeypatch.setattr(m, "_UNREADABLE", fresh)
+def fresh_unreadable(monkeypatch, caplog):
+    monkeypatch.setattr(m, "_UNREADABLE", set())  # the module's own set only grows
     caplog.set_level(logging.WARNING)
-    return fresh
 
 
 @pytest.fixture
 def base(tmp_path):
-    return tmp_path.resolve()
-
-
-def build(base, layout):
-    for rel, what in layout.items():
-        p = base / rel
-        p.parent.mkdir(parents=True, exist_ok=True)
+    base = tmp_path.resolve()
+    for rel, what in TREE.items():
+        (base / rel).parent.mkdir(parents=True, exist_ok=True)
         if what.startswith("->"):
-            os.symlink(what[2:], p)
+            os.symlink(what[2:], base / rel)
         elif what == "dir":
-            p.mkdir()
-        elif what == "fifo":
-            os.mkfifo(p)
+            (base / rel).mkdir()
         else:
-            p.write_text(what)
+            (base / rel).write_text(what)
+    return base
 
 
-def assert_logged(caplog, keys, error_type=None, error=None):
-    got = [r for r in caplog.records if r.msg == MSG or r.name == NAME]
-    assert [(r.name, r.levelno, r.msg, r.args) for r in got] == [
-        (NAME, logging.WARNING, MSG, (k,)) for k in keys
+def scan_twice(directory, values):
+    for _ in range(2):  # the second scan must not log again
+        assert list(m._stamps_in(directory).items()) == list(zip(m.SKILL_NAMES, values, strict=True))
+
+
+def logged(caplog):
+    return [(r.name, r.levelno, r.msg, r.args, r.exc_info[0]) for r in caplog.records]
+
+
+@pytest.mark.parametrize(
+    "scanned, values, warned",
+    [
+        ("sibling", NONE, None),
+        ("loop", NONE, "loop/lumeno-map/SKILL.md"),
+        ("is-dir", NONE, None),
+        ("dangling", NONE, None),
+        ("la", NONE, "la"),
+        ("nowhere", NONE, None),
+        ("afile", NONE, None),
+        ("afile/skills", NONE, None),
+    ],
+)
+def test_scan_tree(base, caplog, scanned, values, warned):
+    scan_twice(base / scanned, values)
+    assert logged(caplog) == [
+        (NAME, logging.WARNING, MSG, (str(base / k),), RuntimeError) for k in [warned] if k
     ]
-    for r in got:
-        assert r.exc_info[0] is type(r.exc_info[1]) is (error_type or type(error))
-        assert error is None or r.exc_info[1] is error
 
 
-SKILLS = {"skills/lumeno/SKILL.md": stamp("1.0"), "skills/lumeno-wiki/SKILL.md": "# no stamp\n"}
-PLAIN = ("1.0", None, None)
-TREES = {
-    "plain": ({}, "skills", PLAIN, None),
-    "skill dir links out": (
-        {"outside/lumeno-map/SKILL.md": stamp("6.6"), "skills/lumeno-map": "->../outside/lumeno-map"},
-        "skills",
-        PLAIN,
-        None,
-    ),
-    "SKILL.md links out": (
-        {"outside/x.md": stamp("6.6"), "skills/lumeno-map/SKILL.md": "->../../outside/x.md"},
-        "skills",
-        PLAIN,
-        None,
-    ),
-    "prefix sibling": (
-        {"skills-old/lumeno-map/SKILL.md": stamp("6.6"), "skills/lumeno-map": "->../skills-old/lumeno-map"},
-        "skills",
-        PLAIN,
-        None,
-    ),
-    "out and back in": (
-        {
-            "skills/store/real.md": stamp("2.0"),
-            "outside/hop": "->../skills/store/real.md",
-            "skills/lumeno-map/SKILL.md": "->../../outside/hop",
-        },
-        "skills",
-        ("1.0", "2.0", None),
-        None,
-    ),
-    "loop of links": (
-        {"skills/lumeno-map/SKILL.md": "->other", "skills/lumeno-map/other": "->SKILL.md"},
-        "skills",
-        PLAIN,
-        "skills/lumeno-map/SKILL.md",
-    ),
-    "SKILL.md is a directory": ({"skills/lumeno-map/SKILL.md": "dir"}, "skills", PLAIN, None),
-    "SKILL.md is a FIFO": ({"skills/lumeno-map/SKILL.md": "fifo"}, "skills", PLAIN, None),
-    "link to missing file": ({"skills/lumeno-map/SKILL.md": "->gone.md"}, "skills", PLAIN, None),
-    "skills dir is a link": ({"via/agent": "->../skills"}, "via/agent", PLAIN, None),
-    "skills dir is a loop": ({"la": "->lb", "lb": "->la"}, "la", NONE, "la"),
-    "missing dir": ({}, "nowhere", NONE, None),
-    "regular file as dir": ({"afile": "text"}, "afile", NONE, None),
-    "parent is a file": ({"afile": "text"}, "afile/skills", NONE, None),
-}
-
-
-@pytest.mark.parametrize("layout, scanned, values, warned", TREES.values(), ids=TREES.keys())
-def test_scan_tree(base, caplog, monkeypatch, layout, scanned, values, warned):
-    build(base, {**SKILLS, **layout})
-    real_read = m.read_stamp
-
-    def guarded_read(path):
-        # Only ever the real path of a regular file inside the resolved skills directory.
-        assert path == path.resolve() and path.is_relative_to((base / scanned).resolve())
-        assert stat.S_ISREG(os.stat(path).st_mode)
-        return real_read(path)
-
-    monkeypatch.setattr(m, "read_stamp", guarded_read)
-    for _ in range(2):
-        got = m._stamps_in(base / scanned)
-        assert list(got) == list(m.SKILL_NAMES) and tuple(got.values()) == values
-    assert_logged(caplog, [str(base / warned)] if warned else [], RuntimeError)
-
-
-ERRORS = [
-    (lambda: PermissionError(13, "Permission denied"), True),
-    (lambda: OSError(5, "Input/output error"), True),
-    (lambda: RuntimeError("Symlink loop"), True),
-    (lambda: FileNotFoundError(2, "No such file"), False),
-    (lambda: NotADirectoryError(20, "Not a directory"), False),
-    (lambda: ValueError("not a file-system failure"), None),
-]
-TRIGGERS = [
-    ("resolve", "via", NONE, "via"),
-    ("resolve", "skills/lumeno/SKILL.md", (None, "2.0", "3.0"), "skills/lumeno/SKILL.md"),
-    ("is_file", "skills/store/real.md", ("1.0", None, "3.0"), "skills/lumeno-map/SKILL.md"),
-    ("read_stamp", "skills/store/real.md", ("1.0", None, "3.0"), "skills/lumeno-map/SKILL.md"),
-    ("read_stamp", "skills/lumeno-wiki/SKILL.md", ("1.0", "2.0", None), "skills/lumeno-wiki/SKILL.md"),
-]
-
-
-@pytest.mark.parametrize("make_error, warns", ERRORS)
-@pytest.mark.parametrize("method, rel, values, key", TRIGGERS)
-def test_scan_failures(base, caplog, monkeypatch, make_error, warns, method, rel, values, key):
-    build(
-        base,
-        {
-            "skills/lumeno/SKILL.md": stamp("1.0"),
-            "skills/store/real.md": stamp("2.0"),
-            "skills/lumeno-map/SKILL.md": "->../store/real.md",
-            "skills/lumeno-wiki/SKILL.md": stamp("3.0"),
-            "via": "->skills",
-        },
-    )
-    error = make_error()
+@pytest.mark.parametrize(
+    "error, warns",
+    [
+        (PermissionError(13, "Permission denied"), True),
+        (OSError(5, "Input/output error"), True),
+        (RuntimeError("Symlink loop"), True),
+        (FileNotFoundError(2, "No such file"), False),
+        (NotADirectoryError(20, "Not a directory"), False),
+        (ValueError("not a file-system failure"), None),
+    ],
+)
+@pytest.mark.parametrize(
+    "method, rel, values, key",
+    [
+        ("resolve", "via", NONE, "via"),
+        ("resolve", "skills/lumeno/SKILL.md", (None, "2.0", "3.0"), "skills/lumeno/SKILL.md"),
+        ("is_file", "skills/store/real.md", ("1.0", None, "3.0"), "skills/lumeno-map/SKILL.md"),
+        ("read_stamp", "skills/store/real.md", ("1.0", None, "3.0"), "skills/lumeno-map/SKILL.md"),
+    ],
+)
+def test_scan_failures(base, caplog, monkeypatch, error, warns, method, rel, values, key):
     owner = m if method == "read_stamp" else pathlib.Path
     real = getattr(owner, method)
 
@@ -160,42 +115,34 @@ def test_scan_failures(base, caplog, monkeypatch, make_error, warns, method, rel
         return real(path, *args, **kwargs)
 
     monkeypatch.setattr(owner, method, failing)
-    for _ in range(2):
-        if warns is None:
-            with pytest.raises(ValueError) as caught:
-                m._stamps_in(base / "via")
-            assert caught.value is error
-        else:
-            got = m._stamps_in(base / "via")
-            assert list(got) == list(m.SKILL_NAMES) and tuple(got.values()) == values
-    assert_logged(caplog, [str(base / key)] if warns else [], error=error)
+    if warns is None:
+        with pytest.raises(ValueError) as caught:
+            m._stamps_in(base / "via")
+        assert caught.value is error
+    else:
+        scan_twice(base / "via", values)
+    assert logged(caplog) == [(NAME, logging.WARNING, MSG, (str(base / key),), type(error))] * bool(warns)
+    assert all(r.exc_info[1] is error for r in caplog.records)
 
 
-@pytest.mark.parametrize("what", ["the home directory", pathlib.Path("/x/skills")])
-def test_say_unreadable(caplog, unreadable, monkeypatch, what):
-    error = PermissionError(13, "denied")
-    for _ in range(3):
-        try:
-            raise error
-        except OSError:
-            assert m._say_unreadable(what) is None
-    assert_logged(caplog, [str(what)], error=error)
-    assert unreadable == {str(what)}
+def test_say_unreadable_uses_the_bound_logger_and_set(caplog, monkeypatch):
     monkeypatch.setattr(m, "logger", logging.getLogger("elsewhere"))
     try:
-        raise error
+        raise PermissionError(13, "denied")
     except OSError:
-        m._say_unreadable("new")
-    assert [(r.name, r.args) for r in caplog.records[1:]] == [("elsewhere", ("new",))]
+        assert m._say_unreadable("the home directory") is None
+    assert logged(caplog) == [("elsewhere", logging.WARNING, MSG, ("the home directory",), PermissionError)]
+    assert {"the home directory"} == m._UNREADABLE
 
 
 def test_scan_late_binding(base, monkeypatch):
-    build(base, SKILLS)
     stamp_inside = m._stamp_inside
     monkeypatch.setattr(m, "SKILL_NAMES", ("lumeno-wiki", "lumeno"))
-    assert m._stamps_in(base / "skills") == {"lumeno-wiki": None, "lumeno": "1.0"}
+    assert list(m._stamps_in(base / "skills").items()) == [("lumeno-wiki", "3.0"), ("lumeno", "1.0")]
     assert list(m._stamps_in(base / "nowhere")) == ["lumeno-wiki", "lumeno"]
     monkeypatch.setattr(m, "_stamp_inside", lambda root, skill: f"{skill}@{root.name}")
     assert m._stamps_in(base / "skills") == {"lumeno-wiki": "lumeno-wiki@skills", "lumeno": "lumeno@skills"}
+    monkeypatch.setattr(m, "SKILL_FILE", "real.md")
+    assert stamp_inside(base / "skills", "store") == "2.0"
     monkeypatch.setattr(m, "inside_root", lambda root, path, *, strict: None)
-    assert stamp_inside(base / "skills", "lumeno") is None
+    assert stamp_inside(base / "skills", "store") is None

@@ -1,8 +1,10 @@
-"""The module as a Python caller sees it: names, constants, patterns, the import, and its functions."""
+"""The module as a Python caller sees it: names, constants, docstrings, the import, and its functions."""
 
 import collections.abc
 import copy
+import functools
 import inspect
+import itertools
 import json
 import logging
 import pathlib
@@ -23,193 +25,162 @@ import zobek_lumeno
 from zobek_lumeno.utils import agent_skills as m
 
 MODULE = "zobek_lumeno.utils.agent_skills"
-# Set by the import machinery, not by the module's own code.
-STANDARD = {"__name__", "__loader__", "__spec__", "__file__", "__cached__", "__builtins__", "__path__"}
+MODULE_DOC = """Where agents read the lumeno skills, and which installed copies are older than the package.
 
-BINDING_ORDER = [
-    "__doc__",
-    "__package__",
-    "__annotations__",
-    "itertools",
-    "logging",
-    "re",
-    "Iterable",
-    "Path",
-    "NamedTuple",
-    "__version__",
-    "logger",
-    "SKILL_DIR_NAME",
-    "MAP_SKILL_DIR_NAME",
-    "WIKI_SKILL_DIR_NAME",
-    "SKILL_NAMES",
-    "SKILL_FILE",
-    "STAMP_HEAD_BYTES",
-    "_VERSION_RE",
-    "DEFAULT_AGENTS",
-    "SkillRoots",
-    "AGENT_SKILL_ROOTS",
-    "_EXHAUSTIVE_SEARCH_LIMIT",
-    "_Score",
-    "_UNREADABLE",
-    "_PLAIN_WORD",
-    "skill_capable_agents",
-    "agent_roots",
-    "read_roots",
-    "_score",
-    "resolve_skill_dirs",
-    "read_stamp",
-    "version_tuple",
-    "inside_root",
-    "InstalledSkill",
-    "installed_skill_versions",
-    "_stamps_in",
-    "_stamp_inside",
-    "_say_unreadable",
-    "_update_command",
-    "_shell_word",
-]
-
-MODULE_DOC = (
-    "Where agents read the lumeno skills, and which installed copies are older than the package.\n"
-    "\n"
-    "Shared by the installer (``setup.skill``) and the ``status`` check, which may not import the\n"
-    "installer: the names of the embedded skills, the skills directories of each agent, the choice of\n"
-    "the directories an install writes, and the read of the version a ``SKILL.md`` is stamped with.\n"
-    "Standard library only; reads files, writes none.\n"
+Shared by the installer (``setup.skill``) and the ``status`` check, which may not import the
+installer: the names of the embedded skills, the skills directories of each agent, the choice of
+the directories an install writes, and the read of the version a ``SKILL.md`` is stamped with.
+Standard library only; reads files, writes none.
+"""
+CONSTANTS = {
+    "SKILL_DIR_NAME": "lumeno",
+    "MAP_SKILL_DIR_NAME": "lumeno-map",
+    "WIKI_SKILL_DIR_NAME": "lumeno-wiki",
+    "SKILL_NAMES": ("lumeno", "lumeno-map", "lumeno-wiki"),
+    "SKILL_FILE": "SKILL.md",
+    "STAMP_HEAD_BYTES": 2048,
+    # Patterns compare equal when their texts and flags are the same.
+    "_VERSION_RE": re.compile(r"^version:\s*([0-9][\w.\-]*)\s*$", re.M),
+    "DEFAULT_AGENTS": ("claude",),
+    "_EXHAUSTIVE_SEARCH_LIMIT": 12,
+    "_Score": tuple[int, int, int, tuple[str, ...]],
+    "_PLAIN_WORD": re.compile(r"[\w./:+-]+"),
+}
+# Every function, in binding order; the getter of InstalledSkill.stale stands where the record is bound.
+SIGNATURES = {
+    "skill_capable_agents": "() -> 'list[str]'",
+    "agent_roots": "(agent_keys: 'Iterable[str]', scope: 'str') -> 'dict[str, tuple[str, ...]]'",
+    "read_roots": "(roots: 'dict[str, tuple[str, ...]]') -> 'list[str]'",
+    "_score": "(selection: 'tuple[str, ...]', roots: 'dict[str, tuple[str, ...]]') -> '_Score | None'",
+    "resolve_skill_dirs": "(agent_keys: 'Iterable[str]', scope: 'str' = 'project') -> 'list[str]'",
+    "read_stamp": "(path: 'Path') -> 'str | None'",
+    "version_tuple": "(v: 'str') -> 'tuple[int, ...]'",
+    "inside_root": "(root: 'Path', path: 'Path', *, strict: 'bool') -> 'Path | None'",
+    "InstalledSkill.stale": "(self) -> 'bool'",
+    "installed_skill_versions": "(project_root: 'Path | None') -> 'list[InstalledSkill]'",
+    "_stamps_in": "(directory: 'Path') -> 'dict[str, str | None]'",
+    "_stamp_inside": "(root: 'Path', skill: 'str') -> 'str | None'",
+    "_say_unreadable": "(what: 'Path | str') -> 'None'",
+    "_update_command": "(scope: 'str', skills_dir: 'str', project_root: 'Path | None') -> 'str | None'",
+    "_shell_word": "(text: 'str') -> 'str'",
+}
+BINDING_ORDER = (
+    ["__doc__", "__package__", "__annotations__", "itertools", "logging", "re", "Iterable", "Path"]
+    + ["NamedTuple", "__version__", "logger", "SKILL_DIR_NAME", "MAP_SKILL_DIR_NAME", "WIKI_SKILL_DIR_NAME"]
+    + ["SKILL_NAMES", "SKILL_FILE", "STAMP_HEAD_BYTES", "_VERSION_RE", "DEFAULT_AGENTS", "SkillRoots"]
+    + ["AGENT_SKILL_ROOTS", "_EXHAUSTIVE_SEARCH_LIMIT", "_Score", "_UNREADABLE", "_PLAIN_WORD"]
+    + [qualname.partition(".")[0] for qualname in SIGNATURES]
 )
+# The whole text; of a function whose text runs on, its first line, which a blank line ends.
+DOCS = {
+    "skill_capable_agents": "Agent keys with at least one verified skills directory.",
+    "agent_roots": """Skill-discovery roots per requested agent, for one scope.
+
+    Unknown keys and agents with no verified root for the scope are dropped.
+    """,
+    "read_roots": "Every directory at least one of these agents reads, in name order.",
+    "_score": "Rank a candidate directory set. Lower is better; None if it misses an agent.",
+    "resolve_skill_dirs": "The directories to install skills into so each agent discovers them once.",
+    "read_stamp": "The version a skill file is stamped with, read from the head of the file only.",
+    "version_tuple": "Lenient numeric version key ('1.10.0' -> (1, 10, 0)); non-ints count as 0.",
+    "inside_root": "``path`` with its links followed, when it stays under the resolved ``root``.",
+    "SkillRoots": """The directories one agent scans for Agent Skills, most-native first.
+
+    Attributes:
+        project: Relative to the repository's root.
+        user: Relative to the home directory.
+    """,
+    "InstalledSkill": """One embedded skill in one skills directory that an agent reads.
+
+    Attributes:
+        skill: The skill's name, which is the name of its directory.
+        directory: The skills directory as the agents read it (``~/.claude/skills``,
+            ``<repository>/.cursor/skills``).
+        installed: The version its ``SKILL.md`` is stamped with. None when the skill is not
+            there, has no stamp, cannot be read, or is reached only through a link out of the
+            skills directory.
+        current: The version of the running package.
+        scope: ``user`` (under the home directory) or ``project`` (under the repository).
+        update: The command that installs the running package's skills into this directory;
+            None when no ``skill install`` writes it.
+    """,
+    "InstalledSkill.stale": "Whether the installed copy is older than the running package.",
+    "installed_skill_versions": "The stamp of each embedded skill in every skills directory an agent reads.",
+    "_stamps_in": "The stamp of each embedded skill in one skills directory, read only from inside it.",
+    "_stamp_inside": (
+        "The stamp of one skill under a resolved skills directory; None when its file is outside."
+    ),
+    "_say_unreadable": (
+        "Log, once for each, a skills directory or file that cannot be read (call it in ``except``)."
+    ),
+    "_update_command": "The command that installs the running package's skills into one skills directory.",
+    "_shell_word": "The text as one word of a command line: in double quotes unless it needs none.",
+}
 
 
-def test_identity():
-    assert not hasattr(m, "__all__")
+def real(qualname):
+    return functools.reduce(getattr, qualname.split("."), m)
+
+
+def function(qualname):
+    return getattr(real(qualname), "fget", real(qualname))
+
+
+def twin(qualname, signature):
+    """What a `def` with this signature in the module's source makes."""
+    name, namespace = qualname.rpartition(".")[2], {"__name__": MODULE}
+    exec(f"def {name}{signature}: pass", namespace)
+    namespace[name].__qualname__ = qualname
+    return namespace[name]
+
+
+def pydoc_body(f):
+    # pydoc's header names Python functions by type, which no extension type can match; the body must.
+    return pydoc.render_doc(f, renderer=pydoc.plaintext).split("\n", 1)[1]
+
+
+def test_identity(monkeypatch):
+    assert not hasattr(m, "__all__") and sys.modules[MODULE] is m
     assert (m.__name__, m.__package__, m.__doc__) == (MODULE, "zobek_lumeno.utils", MODULE_DOC)
-    assert list(m.__annotations__.items()) == [
-        ("SKILL_NAMES", "tuple[str, ...]"),
-        ("AGENT_SKILL_ROOTS", "dict[str, SkillRoots]"),
-        ("_UNREADABLE", "set[str]"),
-    ]
-    assert sys.modules[MODULE] is m
-    imported = {
-        "itertools": sys.modules["itertools"],
-        "logging": sys.modules["logging"],
-        "re": sys.modules["re"],
-        "Iterable": collections.abc.Iterable,
-        "Path": pathlib.Path,
-        "NamedTuple": typing.NamedTuple,
-        "__version__": zobek_lumeno.__version__,
-        "logger": logging.getLogger(MODULE),
-    }
-    assert [name for name, value in imported.items() if getattr(m, name) is not value] == []
-
-
-def test_version_is_copied_once(monkeypatch):
+    assert list(m.__annotations__) == ["SKILL_NAMES", "AGENT_SKILL_ROOTS", "_UNREADABLE"]
+    assert list(m.__annotations__.values()) == ["tuple[str, ...]", "dict[str, SkillRoots]", "set[str]"]
+    # Modules and classes compare equal only to themselves.
+    assert (m.itertools, m.logging, m.re) == (itertools, logging, re)
+    assert (m.Iterable, m.Path, m.NamedTuple) == (collections.abc.Iterable, pathlib.Path, typing.NamedTuple)
+    assert m.__version__ is zobek_lumeno.__version__ and m.logger is logging.getLogger(MODULE)
     before = m.__version__
     monkeypatch.setattr(zobek_lumeno, "__version__", "0.0.0-other")
-    assert m.__version__ is before
+    assert m.__version__ is before  # copied once, at import
 
 
-@pytest.mark.parametrize(
-    "name, value",
-    [
-        ("SKILL_DIR_NAME", "lumeno"),
-        ("MAP_SKILL_DIR_NAME", "lumeno-map"),
-        ("WIKI_SKILL_DIR_NAME", "lumeno-wiki"),
-        ("SKILL_NAMES", ("lumeno", "lumeno-map", "lumeno-wiki")),
-        ("SKILL_FILE", "SKILL.md"),
-        ("STAMP_HEAD_BYTES", 2048),
-        ("DEFAULT_AGENTS", ("claude",)),
-        ("_EXHAUSTIVE_SEARCH_LIMIT", 12),
-    ],
-)
-def test_constants(name, value):
-    got = getattr(m, name)
-    assert type(got) is type(value) and got == value
-    if isinstance(value, tuple):
-        assert all(type(item) is str for item in got)
-
-
-def test_derived_values():
+def test_constants():
+    got = {name: getattr(m, name) for name in CONSTANTS}
+    assert got == CONSTANTS
+    assert {name: type(value) for name, value in got.items()} == {n: type(v) for n, v in CONSTANTS.items()}
+    assert {type(item) for item in m.SKILL_NAMES + m.DEFAULT_AGENTS} == {str}
     names = (m.SKILL_DIR_NAME, m.MAP_SKILL_DIR_NAME, m.WIKI_SKILL_DIR_NAME)
     assert all(a is b for a, b in zip(m.SKILL_NAMES, names, strict=True))
-    assert type(m._Score) is types.GenericAlias and m._Score == tuple[int, int, int, tuple[str, ...]]
-    assert type(m._VERSION_RE) is re.Pattern and type(m._PLAIN_WORD) is re.Pattern
-    assert (m._VERSION_RE.pattern, m._VERSION_RE.flags) == (r"^version:\s*([0-9][\w.\-]*)\s*$", re.M | re.U)
-    assert (m._PLAIN_WORD.pattern, m._PLAIN_WORD.flags) == (r"[\w./:+-]+", re.U)
 
 
-@pytest.mark.parametrize(
-    "text, found",
-    [
-        ("version: 1.2.3", "1.2.3"),
-        ("version:1.2.3", "1.2.3"),
-        ("---\nversion: 1.2.3  \nname: x", "1.2.3"),
-        ("version:\n1.2.3", "1.2.3"),
-        ("version: 1.2.3\nversion: 4.5.6", "1.2.3"),
-        ("version: 1.2-rc_1", "1.2-rc_1"),
-        ("version: v1.2", None),
-        ("Version: 1.2.3", None),
-        ("  version: 1.2.3", None),
-        ("version: 1.2.3 beta", None),
-        ("version: \u0661.2", None),
-    ],  # an Arabic-Indic digit is no ASCII digit
-)
-def test_version_pattern(text, found):
-    match = m._VERSION_RE.search(text)
-    assert (match.group(1) if match else None) == found
+@pytest.mark.parametrize("name, doc", DOCS.items(), ids=DOCS)
+def test_docstrings(name, doc):
+    obj = real(name)
+    assert (obj.__doc__ if "\n" in doc else obj.__doc__.partition("\n\n    ")[0]) == doc
+    assert getattr(obj, "fget", obj).__doc__ == obj.__doc__  # a property's text is its getter's
 
 
-@pytest.mark.parametrize(
-    "text, plain",
-    [
-        ("--agent", True),
-        ("/home/x/.claude", True),
-        ("é", True),
-        ("a+b:c", True),
-        ("", False),
-        ("a b", False),
-        ("a\\b", False),
-        ("~", False),
-        ("a\n", False),
-        ("it's", False),
-    ],
-)
-def test_plain_word_pattern(text, plain):
-    assert (m._PLAIN_WORD.fullmatch(text) is not None) is plain
-
-
-def _run(script, *path_entries):
-    code = f"import sys; sys.path[:0] = {[str(p) for p in path_entries]!r}\n" + textwrap.dedent(script)
-    done = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=120)
-    assert done.returncode == 0, done.stderr
-    return json.loads(done.stdout)
-
-
-def test_fresh_namespace(tmp_path):
-    # In a new interpreter: other tests rebind names (which moves them to the end) and fill _UNREADABLE.
-    shutil.copy(m.__file__, tmp_path)  # the same extension, loaded again outside any package
-    names, unreadable, top = _run(
-        f"""
-        import json
-        import {MODULE} as m
-        import agent_skills as top
-        print(json.dumps([list(vars(m)), [type(m._UNREADABLE).__name__, sorted(m._UNREADABLE)],
-                          [top.__name__, top.__package__, top.logger.name, top.read_roots.__module__, top is m]]))
-    """,
-        tmp_path,
-    )
-    assert [n for n in names if n not in STANDARD] == BINDING_ORDER
-    assert unreadable == ["set", []]
-    assert top == ["agent_skills", "", "agent_skills", "agent_skills", False]
-
-
-def test_failed_initialisation_leaves_nothing_registered(tmp_path):
-    package = tmp_path / "zobek_lumeno"
+def test_import_afresh_after_failing_and_under_another_name(tmp_path):
+    # A host package without a version, whose utils reach the installed extension; and a
+    # copy of the extension loaded outside any package. In a new interpreter, since other
+    # tests rebind names (which moves them to the end of the namespace) and fill _UNREADABLE.
+    package, utils = tmp_path / "zobek_lumeno", pathlib.Path(m.__file__).parent
     (package / "utils").mkdir(parents=True)
-    (package / "__init__.py").write_text('"""A host package without a version."""\n')
-    installed_utils = pathlib.Path(m.__file__).parent
-    (package / "utils" / "__init__.py").write_text(f"__path__.append({str(installed_utils)!r})\n")
-    report = _run(
-        f"""
+    (package / "__init__.py").write_text("")
+    (package / "utils" / "__init__.py").write_text(f"__path__.append({str(utils)!r})\n")
+    shutil.copy(m.__file__, tmp_path)
+    script = f"""
         import importlib, json, sys
+        sys.path.insert(0, {str(tmp_path)!r})
         import zobek_lumeno
 
         def attempt():
@@ -217,198 +188,72 @@ def test_failed_initialisation_leaves_nothing_registered(tmp_path):
                 importlib.import_module({MODULE!r})
             except ImportError as e:
                 return [type(e).__name__, str(e), e.name, e.path, {MODULE!r} in sys.modules]
-            return None
 
-        try:
-            from zobek_lumeno import __version__
-        except ImportError as e:
-            reference = str(e)
-        missing_version = attempt()
+        no_version = attempt()
         zobek_lumeno.__version__ = "9.8.7"
         saved, sys.modules["itertools"] = sys.modules["itertools"], None
-        blocked_import = attempt()
+        blocked = attempt()
         sys.modules["itertools"] = saved
         m = importlib.import_module({MODULE!r})
+        import agent_skills as top
         print(json.dumps(dict(
-            reference=reference, missing_version=missing_version, blocked_import=blocked_import,
-            version=m.__version__, agents=m.skill_capable_agents(), unreadable=len(m._UNREADABLE),
-            registered=sys.modules[{MODULE!r}] is m, file=m.__file__, init=zobek_lumeno.__file__,
+            no_version=no_version, blocked=blocked, names=list(vars(m)), unreadable=repr(m._UNREADABLE),
+            state=[m.__version__, m.skill_capable_agents(), sys.modules[{MODULE!r}] is m, m.__file__],
+            top=[top.__name__, top.__package__, top.logger.name, top.read_roots.__module__, top is m],
         )))
-    """,
-        tmp_path,
-    )
-    init = str(package / "__init__.py")
-    assert report["init"] == init
+    """
+    command = [sys.executable, "-c", textwrap.dedent(script)]
+    done = subprocess.run(command, capture_output=True, text=True, timeout=120)
+    assert done.returncode == 0, done.stderr
+    report, init = json.loads(done.stdout), str(package / "__init__.py")
     message = f"cannot import name '__version__' from 'zobek_lumeno' ({init})"
-    assert report["reference"] == message
-    assert report["missing_version"] == ["ImportError", message, "zobek_lumeno", init, False]
-    assert report["blocked_import"] == [
-        "ModuleNotFoundError",
-        "import of itertools halted; None in sys.modules",
-        "itertools",
-        None,
-        False,
-    ]
-    assert report["version"] == "9.8.7" and report["registered"] and report["unreadable"] == 0
-    assert report["agents"] == ["claude", "cursor-agent", "windsurf", "copilot"]
-    assert pathlib.Path(report["file"]).parent == installed_utils
+    assert report["no_version"] == ["ImportError", message, "zobek_lumeno", init, False]
+    halted = "import of itertools halted; None in sys.modules"
+    assert report["blocked"] == ["ModuleNotFoundError", halted, "itertools", None, False]
+    standard = {"__name__", "__loader__", "__spec__", "__file__", "__cached__", "__builtins__"}
+    assert [name for name in report["names"] if name not in standard] == BINDING_ORDER
+    assert report["unreadable"] == "set()"
+    agents = ["claude", "cursor-agent", "windsurf", "copilot"]
+    assert report["state"] == ["9.8.7", agents, True, m.__file__]
+    assert report["top"] == ["agent_skills", "", "agent_skills", "agent_skills", False]
 
 
 # --- the function type ------------------------------------------------------------------
 
-FUNCTIONS = [
-    ("skill_capable_agents", "() -> 'list[str]'", "Agent keys with at least one verified skills directory."),
-    (
-        "agent_roots",
-        "(agent_keys: 'Iterable[str]', scope: 'str') -> 'dict[str, tuple[str, ...]]'",
-        "Skill-discovery roots per requested agent, for one scope.",
-    ),
-    (
-        "read_roots",
-        "(roots: 'dict[str, tuple[str, ...]]') -> 'list[str]'",
-        "Every directory at least one of these agents reads, in name order.",
-    ),
-    (
-        "_score",
-        "(selection: 'tuple[str, ...]', roots: 'dict[str, tuple[str, ...]]') -> '_Score | None'",
-        "Rank a candidate directory set. Lower is better; None if it misses an agent.",
-    ),
-    (
-        "resolve_skill_dirs",
-        "(agent_keys: 'Iterable[str]', scope: 'str' = 'project') -> 'list[str]'",
-        "The directories to install skills into so each agent discovers them once.",
-    ),
-    (
-        "read_stamp",
-        "(path: 'Path') -> 'str | None'",
-        "The version a skill file is stamped with, read from the head of the file only.",
-    ),
-    (
-        "version_tuple",
-        "(v: 'str') -> 'tuple[int, ...]'",
-        "Lenient numeric version key ('1.10.0' -> (1, 10, 0)); non-ints count as 0.",
-    ),
-    (
-        "inside_root",
-        "(root: 'Path', path: 'Path', *, strict: 'bool') -> 'Path | None'",
-        "``path`` with its links followed, when it stays under the resolved ``root``.",
-    ),
-    (
-        "InstalledSkill.stale",
-        "(self) -> 'bool'",
-        "Whether the installed copy is older than the running package.",
-    ),
-    (
-        "installed_skill_versions",
-        "(project_root: 'Path | None') -> 'list[InstalledSkill]'",
-        "The stamp of each embedded skill in every skills directory an agent reads.",
-    ),
-    (
-        "_stamps_in",
-        "(directory: 'Path') -> 'dict[str, str | None]'",
-        "The stamp of each embedded skill in one skills directory, read only from inside it.",
-    ),
-    (
-        "_stamp_inside",
-        "(root: 'Path', skill: 'str') -> 'str | None'",
-        "The stamp of one skill under a resolved skills directory; None when its file is outside.",
-    ),
-    (
-        "_say_unreadable",
-        "(what: 'Path | str') -> 'None'",
-        "Log, once for each, a skills directory or file that cannot be read (call it in ``except``).",
-    ),
-    (
-        "_update_command",
-        "(scope: 'str', skills_dir: 'str', project_root: 'Path | None') -> 'str | None'",
-        "The command that installs the running package's skills into one skills directory.",
-    ),
-    (
-        "_shell_word",
-        "(text: 'str') -> 'str'",
-        "The text as one word of a command line: in double quotes unless it needs none.",
-    ),
-]
-QUALNAMES = [q for q, _, _ in FUNCTIONS]
 
-
-def real(qualname):
-    if qualname == "InstalledSkill.stale":
-        return m.InstalledSkill.stale.fget
-    return getattr(m, qualname)
-
-
-def twin(qualname, signature):
-    """What a `def` with this signature in the module's source makes."""
-    name = qualname.rpartition(".")[2]
-    namespace = {"__name__": MODULE}
-    exec(f"def {name}{signature}: pass", namespace)
-    function = namespace[name]
-    function.__qualname__ = qualname
-    return function
-
-
-@pytest.mark.parametrize("qualname, signature, summary", FUNCTIONS, ids=QUALNAMES)
-def test_function_metadata(qualname, signature, summary):
-    f, reference = real(qualname), twin(qualname, signature)
-    assert f.__name__ == qualname.rpartition(".")[2] and f.__qualname__ == qualname
-    assert f.__module__ == MODULE
-    assert f.__doc__.splitlines()[0] == summary
+@pytest.mark.parametrize("qualname, signature", SIGNATURES.items(), ids=SIGNATURES)
+def test_function_metadata(qualname, signature):
+    f, reference = function(qualname), twin(qualname, signature)
+    assert (f.__name__, f.__qualname__, f.__module__) == (reference.__name__, qualname, MODULE)
     assert list(f.__annotations__.items()) == list(reference.__annotations__.items())
-    assert f.__defaults__ == (("project",) if qualname == "resolve_skill_dirs" else None)
-    assert f.__kwdefaults__ is None
-    assert str(inspect.signature(f)) == signature
-    assert f.__globals__ is vars(m)
-    # Annotations are texts that resolve in the module's namespace, as the module's own would.
-    typing.get_type_hints(f)
+    assert (f.__defaults__, f.__kwdefaults__) == (reference.__defaults__, reference.__kwdefaults__)
+    assert str(inspect.signature(f)) == signature and f.__globals__ is vars(m)
+    typing.get_type_hints(f)  # the annotation texts resolve in the module's namespace
     assert repr(f).startswith(f"<function {qualname} at 0x")
-    assert weakref.ref(f)() is f
-    assert copy.copy(f) is f and copy.deepcopy(f) is f
+    assert weakref.ref(f)() is f and copy.copy(f) is f and copy.deepcopy(f) is f
+    if "." in qualname:
+        with pytest.raises(pickle.PicklingError, match=f"not the same object as {MODULE}.{qualname}$"):
+            pickle.dumps(f)
+    else:
+        assert all(pickle.loads(pickle.dumps(f, p)) is f for p in range(pickle.HIGHEST_PROTOCOL + 1))
     reference.__doc__ = f.__doc__
-    # pydoc's header names Python functions by type, which no extension type can match; the body must.
-    assert (
-        pydoc.render_doc(f, renderer=pydoc.plaintext).split("\n", 1)[1]
-        == (pydoc.render_doc(reference, renderer=pydoc.plaintext).split("\n", 1)[1])
-    )
-
-
-@pytest.mark.parametrize("qualname", [q for q in QUALNAMES if "." not in q])
-def test_functions_pickle_by_reference(qualname):
-    f = real(qualname)
-    assert all(
-        pickle.loads(pickle.dumps(f, protocol)) is f for protocol in range(pickle.HIGHEST_PROTOCOL + 1)
-    )
-
-
-def test_property_getter_does_not_pickle_as_the_property():
-    with pytest.raises(pickle.PicklingError, match=f"not the same object as {MODULE}.InstalledSkill.stale$"):
-        pickle.dumps(m.InstalledSkill.stale.fget)
+    assert pydoc_body(f) == pydoc_body(reference)
 
 
 def test_function_attributes():
     f = m.read_roots
     f.note = "kept"
-    try:
-        assert f.__dict__ == {"note": "kept"} and vars(f)["note"] == "kept"
-    finally:
-        f.__dict__ = {}
+    assert f.__dict__ == {"note": "kept"}
+    f.__dict__ = {}
     assert not hasattr(f, "note")
-    for bad in (1, None, b"read_roots"):
-        with pytest.raises(TypeError, match=r"^__name__ must be set to a string object$"):
-            f.__name__ = bad
-    with pytest.raises(TypeError, match=r"^__qualname__ must be set to a string object$"):
-        f.__qualname__ = 2
+    for attribute, bad in [("__name__", 1), ("__name__", None), ("__name__", b"x"), ("__qualname__", 2)]:
+        with pytest.raises(TypeError, match=rf"^{attribute} must be set to a string object$"):
+            setattr(f, attribute, bad)
     assert f.__name__ == f.__qualname__ == "read_roots"
-
-
-def test_signature_can_be_replaced():
-    replaced = inspect.Signature()
-    m.read_roots.__signature__ = replaced
-    try:
-        assert inspect.signature(m.read_roots) is replaced
-    finally:
-        del m.read_roots.__signature__
-    assert str(inspect.signature(m.read_roots)) == "(roots: 'dict[str, tuple[str, ...]]') -> 'list[str]'"
+    replaced = f.__signature__ = inspect.Signature()
+    assert inspect.signature(f) is replaced
+    del f.__signature__
+    assert str(inspect.signature(f)) == SIGNATURES["read_roots"]
 
 
 def test_binds_as_a_method():
@@ -417,9 +262,8 @@ def test_binds_as_a_method():
         stale = m.InstalledSkill.stale.fget
 
     roots = Roots(a=(".b", ".a"))
-    assert roots.read() == [".a", ".b"]
+    assert roots.read() == [".a", ".b"] and Roots.read is m.read_roots
     assert roots.read.__func__ is m.read_roots and roots.read.__self__ is roots
-    assert Roots.read is m.read_roots
     assert str(inspect.signature(roots.read)) == "() -> 'list[str]'"
     assert str(inspect.signature(roots.stale)) == "() -> 'bool'"
 
@@ -431,10 +275,9 @@ def test_rebound_defaults_are_honoured(monkeypatch, tmp_path):
     assert f(["windsurf"]) == [".codeium/windsurf/skills"]
     assert str(inspect.signature(f)) == "(agent_keys: 'Iterable[str]', scope: 'str' = 'user') -> 'list[str]'"
     monkeypatch.setattr(f, "__defaults__", None)
-    with pytest.raises(
-        TypeError, match=r"^resolve_skill_dirs\(\) missing 1 required positional argument: 'scope'$"
-    ):
+    with pytest.raises(TypeError) as caught:
         f(["windsurf"])
+    assert str(caught.value) == "resolve_skill_dirs() missing 1 required positional argument: 'scope'"
     monkeypatch.setattr(m.inside_root, "__kwdefaults__", {"strict": False})
     assert m.inside_root(tmp_path, tmp_path / "absent") == tmp_path.resolve() / "absent"
 
@@ -444,21 +287,15 @@ def test_rebound_defaults_are_honoured(monkeypatch, tmp_path):
 ARG = object()
 
 
-def bad_calls(signature):
-    """Calls that a Python function of this signature may reject, covering each binding failure."""
-    parameters = signature.parameters.values()
+def bad_calls(parameters):
+    """Calls that a Python function with these parameters may reject, covering each binding failure."""
     positional = [p.name for p in parameters if p.kind is p.POSITIONAL_OR_KEYWORD]
     keyword_only = {p.name: ARG for p in parameters if p.kind is p.KEYWORD_ONLY}
-    n = len(positional)
-    calls = [((ARG,) * k, kw) for k in range(n + 3) for kw in ({}, keyword_only)]
-    calls += [((ARG,) * k, {"bogus": ARG, **keyword_only}) for k in (0, n, n + 1)]
-    if positional:
-        first = positional[0]
-        calls += [((ARG,) * k, {first: ARG, **keyword_only}) for k in (1, n + 1)]
-        # A keyword built at run time is equal to the parameter's name but not the same object.
-        calls.append(((ARG,), {"".join(list(first)): ARG, **keyword_only}))
-        calls.append(((), {positional[-1]: ARG}))
-    return calls
+    ends = positional[:1] + positional[-1:]
+    # A keyword built at run time is equal to the parameter's name but not the same object.
+    extras = [{}, {"bogus": ARG}] + [{name: ARG} for name in ends] + [{"".join(list(n)): ARG} for n in ends]
+    kinds = range(len(positional) + 3)
+    return [((ARG,) * k, {**extra, **kw}) for k in kinds for extra in extras for kw in ({}, keyword_only)]
 
 
 def outcome(call, args, kwargs):
@@ -470,19 +307,19 @@ def outcome(call, args, kwargs):
 
 
 @pytest.mark.parametrize("variant", ["declared", "with defaults", "surplus defaults", "as a method"])
-@pytest.mark.parametrize("qualname, signature", [f[:2] for f in FUNCTIONS], ids=QUALNAMES)
+@pytest.mark.parametrize("qualname, signature", SIGNATURES.items(), ids=SIGNATURES)
 def test_argument_errors_match_python(monkeypatch, qualname, signature, variant):
-    f, reference = real(qualname), twin(qualname, signature)
-    calls = bad_calls(inspect.signature(reference))
+    f, reference = function(qualname), twin(qualname, signature)
+    parameters = inspect.signature(reference).parameters.values()
+    calls = bad_calls(parameters)
     if variant.endswith("defaults"):
         # More defaults than parameters is legal, and shifts CPython's counts below zero.
-        parameters = inspect.signature(reference).parameters.values()
         n = sum(p.kind is p.POSITIONAL_OR_KEYWORD for p in parameters)
         defaults = (ARG,) * (n + 1 if variant == "surplus defaults" else min(n, 1)) or None
         kwdefaults = {p.name: ARG for p in parameters if p.kind is p.KEYWORD_ONLY} or None
-        for function in (f, reference):
-            monkeypatch.setattr(function, "__defaults__", defaults)
-            monkeypatch.setattr(function, "__kwdefaults__", kwdefaults)
+        for g in (f, reference):
+            monkeypatch.setattr(g, "__defaults__", defaults)
+            monkeypatch.setattr(g, "__kwdefaults__", kwdefaults)
     elif variant == "as a method":
         f, reference = types.MethodType(f, ARG), types.MethodType(reference, ARG)
     mismatches = []
