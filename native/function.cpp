@@ -1,5 +1,6 @@
 #include "function.hpp"
 
+#include <frameobject.h>
 #include <pthread.h>
 #include <structmember.h>
 
@@ -24,6 +25,7 @@ struct FunctionObject {
     PyObject* kwdefaults;   // dict or null
     PyObject* dict;
     PyObject* weakrefs;
+    PyObject* code;  // what tracebacks name it by; made at its first error
     PyObject* parameter_names[max_parameters];
 };
 
@@ -179,6 +181,8 @@ PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t narg
     }
     if (Py_EnterRecursiveCall("")) return nullptr;
     PyObject* result = nullptr;
+    Context cx(f->module, self);
+    bool bound = false;  // a call the binder refuses never ran, and shows no frame of its own
     try {
         // The defaults and the module stay alive for the call even if a body rebinds them.
         Ref keep_defaults = Ref::borrow(f->defaults);
@@ -186,9 +190,10 @@ PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t narg
         Ref keep_module = Ref::borrow(f->module);
         PyObject* slots[max_parameters] = {};
         bind(f, args, PyVectorcall_NARGS(nargsf), kwnames, slots);
-        Context cx(f->module);
+        bound = true;
         result = f->spec->body(cx, slots).release();
     } catch (const PythonError&) {
+        if (bound) cx.trace();
         result = nullptr;
     } catch (const std::bad_alloc&) {
         PyErr_NoMemory();
@@ -361,6 +366,7 @@ int function_traverse(PyObject* self, visitproc visit, void* arg) {
     Py_VISIT(f->defaults);
     Py_VISIT(f->kwdefaults);
     Py_VISIT(f->dict);
+    Py_VISIT(f->code);
     return 0;
 }
 
@@ -373,6 +379,7 @@ int function_clear(PyObject* self) {
     Py_CLEAR(f->defaults);
     Py_CLEAR(f->kwdefaults);
     Py_CLEAR(f->dict);
+    Py_CLEAR(f->code);
     return 0;
 }
 
@@ -474,6 +481,7 @@ Ref make_function(PyObject* module, const FunctionSpec& spec) {
     f->kwdefaults = nullptr;
     f->dict = nullptr;
     f->weakrefs = nullptr;
+    f->code = nullptr;
     for (PyObject*& p : f->parameter_names) p = nullptr;
     Ref result = Ref::steal(reinterpret_cast<PyObject*>(f));
     for (int i = 0; i < spec.parameter_count; ++i) {
@@ -482,6 +490,24 @@ Ref make_function(PyObject* module, const FunctionSpec& spec) {
     }
     PyObject_GC_Track(result.get());
     return result;
+}
+
+PyObject* new_frame(PyObject* function, PyObject* globals) noexcept {
+    FunctionObject* f = as_function(function);
+    if (f->code == nullptr) {
+        // Named as its source would name it, whatever __name__ was set to since; there is
+        // no Python line to point at.
+        PyObject* file = PyDict_GetItemString(globals, "__file__");
+        const char* filename = file != nullptr && PyUnicode_Check(file) ? PyUnicode_AsUTF8(file) : nullptr;
+        if (filename == nullptr) {
+            PyErr_Clear();
+            filename = "agent_skills";
+        }
+        f->code = reinterpret_cast<PyObject*>(PyCode_NewEmpty(filename, f->spec->name, 0));
+        if (f->code == nullptr) return nullptr;
+    }
+    return reinterpret_cast<PyObject*>(
+        PyFrame_New(PyThreadState_Get(), reinterpret_cast<PyCodeObject*>(f->code), globals, nullptr));
 }
 
 }  // namespace agent_skills

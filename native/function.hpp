@@ -40,4 +40,7 @@ PyTypeObject* make_function_type(PyObject* module);
 // A new function object of the module for the declaration.
 Ref make_function(PyObject* module, const FunctionSpec& spec);
 
+// A new frame of the function, for tracebacks, or null with an error set.
+PyObject* new_frame(PyObject* function, PyObject* globals) noexcept;
+
 }  // namespace agent_skills

@@ -10,7 +10,22 @@ namespace agent_skills {
 
 State& state_of(PyObject* module) { return *static_cast<State*>(PyModule_GetState(module)); }
 
-Context::Context(PyObject* module) : module_(module), dict_(PyModule_GetDict(module)), state_(&state_of(module)) {}
+Context::Context(PyObject* module, PyObject* function)
+    : module_(module), dict_(PyModule_GetDict(module)), state_(&state_of(module)), function_(function) {}
+
+void Context::trace() const noexcept {
+    if (function_ == nullptr || !PyErr_Occurred()) return;
+    PyObject *type, *value, *tb;
+    PyErr_Fetch(&type, &value, &tb);
+    if (frame_ == nullptr) {
+        frame_ = new_frame(function_, dict_);
+        PyErr_Clear();  // without a frame the error goes on as it was
+    }
+    const bool present = tb != nullptr &&
+                         reinterpret_cast<PyObject*>(reinterpret_cast<PyTracebackObject*>(tb)->tb_frame) == frame_;
+    PyErr_Restore(type, value, tb);
+    if (frame_ != nullptr && !present) PyTraceBack_Here(reinterpret_cast<PyFrameObject*>(frame_));
+}
 
 Ref Context::global(Name n) const {
     PyObject* key = name(n);

@@ -52,7 +52,11 @@ State& state_of(PyObject* module);
 // looked up at the moment it is used, in the module's dict and then in builtins.
 class Context {
 public:
-    explicit Context(PyObject* module);
+    // `function` is the function whose call this is, or null outside any call.
+    explicit Context(PyObject* module, PyObject* function = nullptr);
+    Context(const Context&) = delete;
+    Context& operator=(const Context&) = delete;
+    ~Context() { Py_XDECREF(frame_); }
 
     State& state() const noexcept { return *state_; }
     PyObject* name(Name n) const noexcept { return state_->names[static_cast<int>(n)]; }
@@ -64,10 +68,17 @@ public:
     // checks of fast paths, which then fall back to `global` for the real lookup.
     PyObject* peek(Name n) const noexcept;
 
+    // Puts this call's frame at the head of the traceback of the error being raised, once,
+    // as the interpreter does for a Python function the error passes through: a handler
+    // then sees the frames a Python source of the module would show. Never raises.
+    void trace() const noexcept;
+
 private:
     PyObject* module_;
     PyObject* dict_;
     State* state_;
+    PyObject* function_;
+    mutable PyObject* frame_ = nullptr;  // made at the first error of the call
 };
 
 }  // namespace agent_skills

@@ -146,3 +146,28 @@ def test_scan_late_binding(base, monkeypatch):
     assert stamp_inside(base / "skills", "store") == "2.0"
     monkeypatch.setattr(m, "inside_root", lambda root, path, *, strict: None)
     assert stamp_inside(base / "skills", "store") is None
+
+
+def names(tb):
+    return [] if tb is None else [tb.tb_frame.f_code.co_name, *names(tb.tb_next)]
+
+
+def test_tracebacks_pass_through_the_module_functions(base, caplog, monkeypatch):
+    # The read of /proc/<pid>/mem fails inside the file's own read, below any Python frame;
+    # the logged error must still carry the frames a handler in the module would see.
+    monkeypatch.setattr(m, "SKILL_FILE", "mem")
+    assert m._stamp_inside(pathlib.Path(f"/proc/{os.getpid()}"), ".") is None
+    [record] = caplog.records
+    assert (record.exc_info[0], names(record.exc_info[2])) == (OSError, ["_stamp_inside", "read_stamp"])
+
+    def failing(path):
+        raise ValueError("not a file-system failure")
+
+    monkeypatch.setattr(m, "SKILL_FILE", "SKILL.md")
+    monkeypatch.setattr(pathlib.Path, "is_file", failing)
+    with pytest.raises(ValueError) as caught:
+        m._stamps_in(base / "skills")
+    assert names(caught.value.__traceback__)[1:] == ["_stamps_in", "_stamp_inside", "failing"]
+    with pytest.raises(TypeError) as caught:  # refused before the body runs: no frame of its own
+        m._stamps_in()
+    assert names(caught.value.__traceback__)[1:] == []
