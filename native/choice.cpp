@@ -232,7 +232,7 @@ Ref resolve_skill_dirs(const Context& cx, PyObject* const* args) {
 
 }  // namespace
 
-const FunctionSpec score_function{
+const FunctionDecl score_function{
     "_score",
     "_score",
     R"(Rank a candidate directory set. Lower is better; None if it misses an agent.
@@ -251,7 +251,7 @@ const FunctionSpec score_function{
     score,
 };
 
-const FunctionSpec resolve_skill_dirs_function{
+const FunctionDecl resolve_skill_dirs_function{
     "resolve_skill_dirs",
     "resolve_skill_dirs",
     R"(The directories to install skills into so each agent discovers them once.

@@ -14,7 +14,7 @@ namespace {
 struct FunctionObject {
     PyObject_HEAD
     vectorcallfunc vectorcall;
-    const FunctionSpec* spec;
+    const FunctionDecl* decl;
     PyObject* module;
     PyObject* name;
     PyObject* qualname;
@@ -31,18 +31,18 @@ struct FunctionObject {
 
 FunctionObject* as_function(PyObject* o) { return reinterpret_cast<FunctionObject*>(o); }
 
-int positional_count(const FunctionSpec& spec) {
+int positional_count(const FunctionDecl& decl) {
     int n = 0;
-    while (n < spec.parameter_count && spec.parameters[n].kind == Kind::positional_or_keyword) ++n;
+    while (n < decl.parameter_count && decl.parameters[n].kind == Kind::positional_or_keyword) ++n;
     return n;
 }
 
 // --- argument binding, worded as CPython words its own failures --------------------
 
 [[noreturn]] void too_many_positional(FunctionObject* f, Py_ssize_t given, PyObject** slots) {
-    const int argcount = positional_count(*f->spec);
+    const int argcount = positional_count(*f->decl);
     Py_ssize_t kwonly_given = 0;
-    for (int i = argcount; i < f->spec->parameter_count; ++i)
+    for (int i = argcount; i < f->decl->parameter_count; ++i)
         if (slots[i] != nullptr) ++kwonly_given;
     const Py_ssize_t defcount = f->defaults ? PyTuple_GET_SIZE(f->defaults) : 0;
     Ref sig;
@@ -92,7 +92,7 @@ int positional_count(const FunctionSpec& spec) {
 }
 
 int find_parameter(FunctionObject* f, PyObject* keyword) {
-    const int total = f->spec->parameter_count;
+    const int total = f->decl->parameter_count;
     for (int j = 0; j < total; ++j)
         if (f->parameter_names[j] == keyword) return j;
     for (int j = 0; j < total; ++j)
@@ -103,8 +103,8 @@ int find_parameter(FunctionObject* f, PyObject* keyword) {
 // Fills one slot per parameter, in the order CPython fills a frame's arguments, so the
 // same call fails with the same error first.
 void bind(FunctionObject* f, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames, PyObject** slots) {
-    const FunctionSpec& spec = *f->spec;
-    const int argcount = positional_count(spec);
+    const FunctionDecl& decl = *f->decl;
+    const int argcount = positional_count(decl);
     const Py_ssize_t n = std::min<Py_ssize_t>(nargs, argcount);
     for (Py_ssize_t i = 0; i < n; ++i) slots[i] = args[i];
 
@@ -140,7 +140,7 @@ void bind(FunctionObject* f, PyObject* const* args, Py_ssize_t nargs, PyObject* 
         }
     }
 
-    for (int i = argcount; i < spec.parameter_count; ++i) {
+    for (int i = argcount; i < decl.parameter_count; ++i) {
         if (slots[i] != nullptr) continue;
         if (f->kwdefaults != nullptr) {
             PyObject* value = PyDict_GetItemWithError(f->kwdefaults, f->parameter_names[i]);
@@ -150,7 +150,7 @@ void bind(FunctionObject* f, PyObject* const* args, Py_ssize_t nargs, PyObject* 
             }
             if (PyErr_Occurred()) raise();
         }
-        missing_arguments(f, argcount, spec.parameter_count, slots, "keyword-only");
+        missing_arguments(f, argcount, decl.parameter_count, slots, "keyword-only");
     }
 }
 
@@ -191,7 +191,7 @@ PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t narg
         PyObject* slots[max_parameters] = {};
         bind(f, args, PyVectorcall_NARGS(nargsf), kwnames, slots);
         bound = true;
-        result = f->spec->body(cx, slots).release();
+        result = f->decl->body(cx, slots).release();
     } catch (const PythonError&) {
         if (bound) cx.trace();
         result = nullptr;
@@ -288,11 +288,11 @@ PyObject* get_signature(PyObject* self, void*) {
         Ref annotations = Ref::steal(get_annotations(self, nullptr));
         Ref kwnames = Ref::steal(Py_BuildValue("(ss)", "default", "annotation"));
 
-        const FunctionSpec& spec = *f->spec;
-        const int argcount = positional_count(spec);
+        const FunctionDecl& decl = *f->decl;
+        const int argcount = positional_count(decl);
         const Py_ssize_t defcount = f->defaults ? PyTuple_GET_SIZE(f->defaults) : 0;
         Ref parameters = new_list();
-        for (int i = 0; i < spec.parameter_count; ++i) {
+        for (int i = 0; i < decl.parameter_count; ++i) {
             PyObject* name = f->parameter_names[i];
             PyObject* fallback = nullptr;
             if (i < argcount) {
@@ -435,7 +435,7 @@ PyType_Slot function_slots[] = {
     {0, nullptr},
 };
 
-PyType_Spec function_spec = {
+PyType_Spec function_type_description = {
     "function",
     sizeof(FunctionObject),
     0,
@@ -447,22 +447,22 @@ PyType_Spec function_spec = {
 }  // namespace
 
 PyTypeObject* make_function_type(PyObject* module) {
-    return reinterpret_cast<PyTypeObject*>(PyType_FromModuleAndSpec(module, &function_spec, nullptr));
+    return reinterpret_cast<PyTypeObject*>(PyType_FromModuleAndSpec(module, &function_type_description, nullptr));
 }
 
-Ref make_function(PyObject* module, const FunctionSpec& spec) {
+Ref make_function(PyObject* module, const FunctionDecl& decl) {
     State& st = state_of(module);
     Ref annotations = Ref::steal(PyDict_New());
     Ref defaults_list = new_list();
-    for (int i = 0; i < spec.parameter_count; ++i) {
-        const Parameter& p = spec.parameters[i];
+    for (int i = 0; i < decl.parameter_count; ++i) {
+        const Parameter& p = decl.parameters[i];
         if (p.annotation) check(PyDict_SetItemString(annotations.get(), p.name, str(p.annotation).get()));
         if (p.default_text) append(defaults_list.get(), str(p.default_text).get());
     }
-    check(PyDict_SetItemString(annotations.get(), "return", str(spec.returns).get()));
-    Ref name = str(spec.name);
-    Ref qualname = str(spec.qualname);
-    Ref doc = str(spec.doc);
+    check(PyDict_SetItemString(annotations.get(), "return", str(decl.returns).get()));
+    Ref name = str(decl.name);
+    Ref qualname = str(decl.qualname);
+    Ref doc = str(decl.doc);
     Ref module_name = Ref::steal(PyModule_GetNameObject(module));
     Ref defaults;
     if (PyList_GET_SIZE(defaults_list.get()) > 0) defaults = Ref::steal(PyList_AsTuple(defaults_list.get()));
@@ -470,7 +470,7 @@ Ref make_function(PyObject* module, const FunctionSpec& spec) {
     auto* f = PyObject_GC_New(FunctionObject, st.function_type);
     if (f == nullptr) raise();
     f->vectorcall = function_vectorcall;
-    f->spec = &spec;
+    f->decl = &decl;
     f->module = Py_NewRef(module);
     f->name = name.release();
     f->qualname = qualname.release();
@@ -484,8 +484,8 @@ Ref make_function(PyObject* module, const FunctionSpec& spec) {
     f->code = nullptr;
     for (PyObject*& p : f->parameter_names) p = nullptr;
     Ref result = Ref::steal(reinterpret_cast<PyObject*>(f));
-    for (int i = 0; i < spec.parameter_count; ++i) {
-        f->parameter_names[i] = PyUnicode_InternFromString(spec.parameters[i].name);
+    for (int i = 0; i < decl.parameter_count; ++i) {
+        f->parameter_names[i] = PyUnicode_InternFromString(decl.parameters[i].name);
         if (f->parameter_names[i] == nullptr) raise();
     }
     PyObject_GC_Track(result.get());
@@ -503,7 +503,7 @@ PyObject* new_frame(PyObject* function, PyObject* globals) noexcept {
             PyErr_Clear();
             filename = "agent_skills";
         }
-        f->code = reinterpret_cast<PyObject*>(PyCode_NewEmpty(filename, f->spec->name, 0));
+        f->code = reinterpret_cast<PyObject*>(PyCode_NewEmpty(filename, f->decl->name, 0));
         if (f->code == nullptr) return nullptr;
     }
     return reinterpret_cast<PyObject*>(

@@ -24,7 +24,7 @@ using Body = Ref (*)(const Context&, PyObject* const* args);
 
 inline constexpr int max_parameters = 3;
 
-struct FunctionSpec {
+struct FunctionDecl {
     const char* name;
     const char* qualname;
     const char* doc;
@@ -38,7 +38,7 @@ struct FunctionSpec {
 PyTypeObject* make_function_type(PyObject* module);
 
 // A new function object of the module for the declaration.
-Ref make_function(PyObject* module, const FunctionSpec& spec);
+Ref make_function(PyObject* module, const FunctionDecl& decl);
 
 // A new frame of the function, for tracebacks, or null with an error set.
 PyObject* new_frame(PyObject* function, PyObject* globals) noexcept;

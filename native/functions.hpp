@@ -10,28 +10,28 @@
 namespace agent_skills {
 
 // roots.cpp
-extern const FunctionSpec skill_capable_agents_function;
-extern const FunctionSpec agent_roots_function;
-extern const FunctionSpec read_roots_function;
+extern const FunctionDecl skill_capable_agents_function;
+extern const FunctionDecl agent_roots_function;
+extern const FunctionDecl read_roots_function;
 Ref make_skill_roots(PyObject* module);
 Ref make_agent_skill_roots(PyObject* skill_roots);
 
 // choice.cpp
-extern const FunctionSpec score_function;
-extern const FunctionSpec resolve_skill_dirs_function;
+extern const FunctionDecl score_function;
+extern const FunctionDecl resolve_skill_dirs_function;
 
 // stamps.cpp
-extern const FunctionSpec read_stamp_function;
-extern const FunctionSpec version_tuple_function;
-extern const FunctionSpec inside_root_function;
-extern const FunctionSpec stamps_in_function;
-extern const FunctionSpec stamp_inside_function;
-extern const FunctionSpec say_unreadable_function;
+extern const FunctionDecl read_stamp_function;
+extern const FunctionDecl version_tuple_function;
+extern const FunctionDecl inside_root_function;
+extern const FunctionDecl stamps_in_function;
+extern const FunctionDecl stamp_inside_function;
+extern const FunctionDecl say_unreadable_function;
 
 // report.cpp
-extern const FunctionSpec installed_skill_versions_function;
-extern const FunctionSpec update_command_function;
-extern const FunctionSpec shell_word_function;
+extern const FunctionDecl installed_skill_versions_function;
+extern const FunctionDecl update_command_function;
+extern const FunctionDecl shell_word_function;
 Ref make_installed_skill(PyObject* module);
 
 // module.cpp: a class made from the module's `NamedTuple` exactly as a class statement

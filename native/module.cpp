@@ -78,7 +78,7 @@ public:
     void annotate(const char* name, const char* annotation) const {
         check(PyObject_SetItem(lookup("__annotations__").get(), str(name).get(), str(annotation).get()));
     }
-    void bind_function(const FunctionSpec& spec) const { bind(spec.name, make_function(module_, spec)); }
+    void bind_function(const FunctionDecl& decl) const { bind(decl.name, make_function(module_, decl)); }
     PyObject* dict() const noexcept { return dict_; }
 
 private:
@@ -115,10 +115,10 @@ Ref import_from(const Namespace& ns, const char* module_name, const char* name) 
             PyUnicode_FromFormat("cannot import name %R from %R (unknown location)", name_obj.get(), shown.get()));
         PyErr_SetImportError(message.get(), package_name.get(), nullptr);
     } else {
-        Ref spec = Ref::steal_or_null(PyObject_GetAttrString(module.get(), "__spec__"));
+        Ref import_record = Ref::steal_or_null(PyObject_GetAttrString(module.get(), "__spec__"));
         bool initializing = false;
-        if (spec) {
-            Ref flag = Ref::steal_or_null(PyObject_GetAttrString(spec.get(), "_initializing"));
+        if (import_record) {
+            Ref flag = Ref::steal_or_null(PyObject_GetAttrString(import_record.get(), "_initializing"));
             initializing = flag && PyObject_IsTrue(flag.get()) > 0;
         }
         PyErr_Clear();

@@ -28,7 +28,7 @@ Ref stale(const Context& cx, PyObject* const* args) {
     return Ref::steal(PyObject_RichCompare(key_installed.get(), key_current.get(), Py_LT));
 }
 
-const FunctionSpec stale_function{
+const FunctionDecl stale_function{
     "stale",
     "InstalledSkill.stale",
     R"(Whether the installed copy is older than the running package.)",
@@ -165,7 +165,7 @@ Ref make_installed_skill(PyObject* module) {
                             {{"stale", property.get()}});
 }
 
-const FunctionSpec installed_skill_versions_function{
+const FunctionDecl installed_skill_versions_function{
     "installed_skill_versions",
     "installed_skill_versions",
     R"(The stamp of each embedded skill in every skills directory an agent reads.
@@ -189,7 +189,7 @@ const FunctionSpec installed_skill_versions_function{
     installed_skill_versions,
 };
 
-const FunctionSpec update_command_function{
+const FunctionDecl update_command_function{
     "_update_command",
     "_update_command",
     R"(The command that installs the running package's skills into one skills directory.
@@ -207,7 +207,7 @@ const FunctionSpec update_command_function{
     update_command,
 };
 
-const FunctionSpec shell_word_function{
+const FunctionDecl shell_word_function{
     "_shell_word",
     "_shell_word",
     R"(The text as one word of a command line: in double quotes unless it needs none.)",

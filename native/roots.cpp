@@ -87,7 +87,7 @@ Ref read_roots(const Context& cx, PyObject* const* args) {
 
 }  // namespace
 
-const FunctionSpec skill_capable_agents_function{
+const FunctionDecl skill_capable_agents_function{
     "skill_capable_agents",
     "skill_capable_agents",
     R"(Agent keys with at least one verified skills directory.)",
@@ -97,7 +97,7 @@ const FunctionSpec skill_capable_agents_function{
     skill_capable_agents,
 };
 
-const FunctionSpec agent_roots_function{
+const FunctionDecl agent_roots_function{
     "agent_roots",
     "agent_roots",
     R"(Skill-discovery roots per requested agent, for one scope.
@@ -110,7 +110,7 @@ const FunctionSpec agent_roots_function{
     agent_roots,
 };
 
-const FunctionSpec read_roots_function{
+const FunctionDecl read_roots_function{
     "read_roots",
     "read_roots",
     R"(Every directory at least one of these agents reads, in name order.)",

@@ -323,7 +323,7 @@ Ref say_unreadable(const Context& cx, PyObject* const* args) {
 
 }  // namespace
 
-const FunctionSpec read_stamp_function{
+const FunctionDecl read_stamp_function{
     "read_stamp",
     "read_stamp",
     R"(The version a skill file is stamped with, read from the head of the file only.
@@ -339,7 +339,7 @@ const FunctionSpec read_stamp_function{
     read_stamp,
 };
 
-const FunctionSpec version_tuple_function{
+const FunctionDecl version_tuple_function{
     "version_tuple",
     "version_tuple",
     R"(Lenient numeric version key ('1.10.0' -> (1, 10, 0)); non-ints count as 0.)",
@@ -349,7 +349,7 @@ const FunctionSpec version_tuple_function{
     version_tuple,
 };
 
-const FunctionSpec inside_root_function{
+const FunctionDecl inside_root_function{
     "inside_root",
     "inside_root",
     R"(``path`` with its links followed, when it stays under the resolved ``root``.
@@ -372,7 +372,7 @@ const FunctionSpec inside_root_function{
     inside_root,
 };
 
-const FunctionSpec stamps_in_function{
+const FunctionDecl stamps_in_function{
     "_stamps_in",
     "_stamps_in",
     R"(The stamp of each embedded skill in one skills directory, read only from inside it.)",
@@ -382,7 +382,7 @@ const FunctionSpec stamps_in_function{
     stamps_in,
 };
 
-const FunctionSpec stamp_inside_function{
+const FunctionDecl stamp_inside_function{
     "_stamp_inside",
     "_stamp_inside",
     R"(The stamp of one skill under a resolved skills directory; None when its file is outside.)",
@@ -392,7 +392,7 @@ const FunctionSpec stamp_inside_function{
     stamp_inside,
 };
 
-const FunctionSpec say_unreadable_function{
+const FunctionDecl say_unreadable_function{
     "_say_unreadable",
     "_say_unreadable",
     R"(Log, once for each, a skills directory or file that cannot be read (call it in ``except``).)",
