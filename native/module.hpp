@@ -73,6 +73,13 @@ public:
     // then sees the frames a Python source of the module would show. Never raises.
     void trace() const noexcept;
 
+    // For a handler in a function's body: the error being raised, fetched with this call's
+    // frame on its traceback, as an `except` clause in the function would see it.
+    CaughtError catch_error() const {
+        trace();
+        return CaughtError();
+    }
+
 private:
     PyObject* module_;
     PyObject* dict_;

@@ -100,8 +100,7 @@ Ref installed_skill_versions(const Context& cx, PyObject* const* args) {
         Ref home = call_method(path_type.get(), cx.name(Name::home));
         append(bases.get(), Ref::steal(PyTuple_Pack(2, st.text_user, home.get())).get());
     } catch (const PythonError&) {
-        cx.trace();
-        CaughtError error;
+        CaughtError error = cx.catch_error();
         if (!error.matches(PyExc_RuntimeError)) error.restore();
         Handling handling(error.value());
         call(cx.global(Name::_say_unreadable).get(), {st.text_home_directory});

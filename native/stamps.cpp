@@ -64,8 +64,7 @@ Ref with_context(const Context& cx, PyObject* manager, Body body) {
     try {
         result = body(value.get());
     } catch (const PythonError&) {
-        cx.trace();
-        CaughtError error;
+        CaughtError error = cx.catch_error();
         bool suppress;
         {
             Handling handling(error.value());
@@ -269,8 +268,7 @@ Ref stamps_in(const Context& cx, PyObject* const* args) {
     try {
         root = call_method(directory, cx.name(Name::resolve), {Py_True}, cx.state().kw_strict);
     } catch (const PythonError&) {
-        cx.trace();
-        CaughtError error;
+        CaughtError error = cx.catch_error();
         const Failure failure = classify(error);
         // The answer is built inside the `except` too: an error there chains to this one.
         Handling handling(error.value());
@@ -298,8 +296,7 @@ Ref stamp_inside(const Context& cx, PyObject* const* args) {
         if (!truthy(call_method(real.get(), cx.name(Name::is_file)).get())) return Ref::borrow(Py_None);
         return call(cx.global(Name::read_stamp).get(), {real.get()});
     } catch (const PythonError&) {
-        cx.trace();
-        CaughtError error;
+        CaughtError error = cx.catch_error();
         if (classify(error) == Failure::unreadable) report_unreadable(cx, error, path.get());
         return Ref::borrow(Py_None);
     }
