@@ -71,39 +71,19 @@ BINDING_ORDER = (
     + ["AGENT_SKILL_ROOTS", "_EXHAUSTIVE_SEARCH_LIMIT", "_Score", "_UNREADABLE", "_PLAIN_WORD"]
     + [qualname.partition(".")[0] for qualname in SIGNATURES]
 )
-# The whole text; of a function whose text runs on, its first line, which a blank line ends.
+# The summary line of each documentation string; a text that runs on must end as a
+# docstring indented in a class or function body does.
 DOCS = {
     "skill_capable_agents": "Agent keys with at least one verified skills directory.",
-    "agent_roots": """Skill-discovery roots per requested agent, for one scope.
-
-    Unknown keys and agents with no verified root for the scope are dropped.
-    """,
+    "agent_roots": "Skill-discovery roots per requested agent, for one scope.",
     "read_roots": "Every directory at least one of these agents reads, in name order.",
     "_score": "Rank a candidate directory set. Lower is better; None if it misses an agent.",
     "resolve_skill_dirs": "The directories to install skills into so each agent discovers them once.",
     "read_stamp": "The version a skill file is stamped with, read from the head of the file only.",
     "version_tuple": "Lenient numeric version key ('1.10.0' -> (1, 10, 0)); non-ints count as 0.",
     "inside_root": "``path`` with its links followed, when it stays under the resolved ``root``.",
-    "SkillRoots": """The directories one agent scans for Agent Skills, most-native first.
-
-    Attributes:
-        project: Relative to the repository's root.
-        user: Relative to the home directory.
-    """,
-    "InstalledSkill": """One embedded skill in one skills directory that an agent reads.
-
-    Attributes:
-        skill: The skill's name, which is the name of its directory.
-        directory: The skills directory as the agents read it (``~/.claude/skills``,
-            ``<repository>/.cursor/skills``).
-        installed: The version its ``SKILL.md`` is stamped with. None when the skill is not
-            there, has no stamp, cannot be read, or is reached only through a link out of the
-            skills directory.
-        current: The version of the running package.
-        scope: ``user`` (under the home directory) or ``project`` (under the repository).
-        update: The command that installs the running package's skills into this directory;
-            None when no ``skill install`` writes it.
-    """,
+    "SkillRoots": "The directories one agent scans for Agent Skills, most-native first.",
+    "InstalledSkill": "One embedded skill in one skills directory that an agent reads.",
     "InstalledSkill.stale": "Whether the installed copy is older than the running package.",
     "installed_skill_versions": "The stamp of each embedded skill in every skills directory an agent reads.",
     "_stamps_in": "The stamp of each embedded skill in one skills directory, read only from inside it.",
@@ -116,6 +96,9 @@ DOCS = {
     "_update_command": "The command that installs the running package's skills into one skills directory.",
     "_shell_word": "The text as one word of a command line: in double quotes unless it needs none.",
 }
+# The ones whose text runs on past the summary.
+LONG_DOCS = {"agent_roots", "_score", "resolve_skill_dirs", "read_stamp", "inside_root", "SkillRoots"}
+LONG_DOCS |= {"InstalledSkill", "installed_skill_versions", "_update_command"}
 
 
 def real(qualname):
@@ -165,7 +148,9 @@ def test_constants():
 @pytest.mark.parametrize("name, doc", DOCS.items(), ids=DOCS)
 def test_docstrings(name, doc):
     obj = real(name)
-    assert (obj.__doc__ if "\n" in doc else obj.__doc__.partition("\n\n    ")[0]) == doc
+    summary, _, rest = obj.__doc__.partition("\n")
+    assert summary == doc and bool(rest) == (name in LONG_DOCS)
+    assert not rest or (rest.startswith("\n    ") and rest.endswith("\n    ") and "\t" not in rest)
     assert getattr(obj, "fget", obj).__doc__ == obj.__doc__  # a property's text is its getter's
 
 
