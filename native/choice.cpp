@@ -145,9 +145,7 @@ Ref native_search(PyObject* candidates, std::uint64_t mask) {
     Py_ssize_t filled = 0;
     for (int i = 0; mask != 0; ++i, mask >>= 1) {
         if (mask & 1u) {
-            PyObject* root = PyList_GET_ITEM(candidates, i);
-            Py_INCREF(root);
-            PyList_SET_ITEM(result.get(), filled++, root);
+            PyList_SET_ITEM(result.get(), filled++, Py_NewRef(PyList_GET_ITEM(candidates, i)));
         }
     }
     return result;
@@ -209,7 +207,7 @@ bool own_combinations(const Context& cx) {
     if (itertools == nullptr || !PyModule_CheckExact(itertools)) return false;
     PyObject* combinations = PyDict_GetItemWithError(PyModule_GetDict(itertools), cx.name(Name::combinations));
     if (combinations == nullptr) PyErr_Clear();
-    return combinations != nullptr && combinations == cx.state().own_combinations;
+    return combinations != nullptr && combinations == cx.held(Held::own_combinations);
 }
 
 Ref resolve_skill_dirs(const Context& cx, PyObject* const* args) {
@@ -222,8 +220,7 @@ Ref resolve_skill_dirs(const Context& cx, PyObject* const* args) {
     if (compare(count.get(), cx.global(Name::_EXHAUSTIVE_SEARCH_LIMIT).get(), Py_GT))
         return greedy_choice(cx, roots.get());
 
-    const State& st = cx.state();
-    if (n > 0 && cx.peek(Name::_score) == st.own_score && own_combinations(cx)) {
+    if (n > 0 && cx.peek(Name::_score) == cx.held(Held::own_score) && own_combinations(cx)) {
         if (auto agents = plain_agents(roots.get(), candidates.get()))
             return native_search(candidates.get(), best_subset(*agents, static_cast<int>(n)));
     }

@@ -16,6 +16,7 @@ struct FunctionObject {
     vectorcallfunc vectorcall;
     const FunctionDecl* decl;
     PyObject* module;
+    PyObject* builtins;  // as a Python function keeps them: those of its module when made
     PyObject* name;
     PyObject* qualname;
     PyObject* module_name;  // __module__
@@ -39,11 +40,11 @@ int positional_count(const FunctionDecl& decl) {
 
 // --- argument binding, worded as CPython words its own failures --------------------
 
-[[noreturn]] void too_many_positional(FunctionObject* f, Py_ssize_t given, PyObject** slots) {
+[[noreturn]] void too_many_positional(FunctionObject* f, Py_ssize_t given, const Ref* slots) {
     const int argcount = positional_count(*f->decl);
     Py_ssize_t kwonly_given = 0;
     for (int i = argcount; i < f->decl->parameter_count; ++i)
-        if (slots[i] != nullptr) ++kwonly_given;
+        if (slots[i]) ++kwonly_given;
     const Py_ssize_t defcount = f->defaults ? PyTuple_GET_SIZE(f->defaults) : 0;
     Ref sig;
     bool plural;
@@ -60,17 +61,17 @@ int positional_count(const FunctionDecl& decl) {
                                                      given != 1 ? "s" : "", kwonly_given,
                                                      kwonly_given != 1 ? "s" : ""));
     } else {
-        kwonly_sig = str("");
+        kwonly_sig = Ref::borrow(state_of(f->module)[Text::empty]);
     }
     PyErr_Format(PyExc_TypeError, "%U() takes %U positional argument%s but %zd%U %s given", f->qualname, sig.get(),
                  plural ? "s" : "", given, kwonly_sig.get(), given == 1 && !kwonly_given ? "was" : "were");
     raise();
 }
 
-[[noreturn]] void missing_arguments(FunctionObject* f, int start, int end, PyObject** slots, const char* kind) {
+[[noreturn]] void missing_arguments(FunctionObject* f, int start, int end, const Ref* slots, const char* kind) {
     Ref names = new_list();
     for (int i = start; i < end; ++i) {
-        if (slots[i] == nullptr) append(names.get(), Ref::steal(PyObject_Repr(f->parameter_names[i])).get());
+        if (!slots[i]) append(names.get(), Ref::steal(PyObject_Repr(f->parameter_names[i])).get());
     }
     const Py_ssize_t len = PyList_GET_SIZE(names.get());
     Ref joined;
@@ -83,7 +84,7 @@ int positional_count(const FunctionDecl& decl) {
         Ref tail = Ref::steal(PyUnicode_FromFormat(", %U, and %U", PyList_GET_ITEM(names.get(), len - 2),
                                                    PyList_GET_ITEM(names.get(), len - 1)));
         check(PyList_SetSlice(names.get(), len - 2, len, nullptr));
-        Ref head = Ref::steal(PyUnicode_Join(str(", ").get(), names.get()));
+        Ref head = Ref::steal(PyUnicode_Join(state_of(f->module)[Text::comma], names.get()));
         joined = Ref::steal(PyUnicode_Concat(head.get(), tail.get()));
     }
     PyErr_Format(PyExc_TypeError, "%U() missing %zd required %s argument%s: %U", f->qualname, len, kind,
@@ -101,12 +102,13 @@ int find_parameter(FunctionObject* f, PyObject* keyword) {
 }
 
 // Fills one slot per parameter, in the order CPython fills a frame's arguments, so the
-// same call fails with the same error first.
-void bind(FunctionObject* f, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames, PyObject** slots) {
+// same call fails with the same error first. Each slot takes its own reference at once: a
+// keyword's __eq__ or the body may replace the defaults it came from.
+void bind(FunctionObject* f, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames, Ref* slots) {
     const FunctionDecl& decl = *f->decl;
     const int argcount = positional_count(decl);
     const Py_ssize_t n = std::min<Py_ssize_t>(nargs, argcount);
-    for (Py_ssize_t i = 0; i < n; ++i) slots[i] = args[i];
+    for (Py_ssize_t i = 0; i < n; ++i) slots[i] = Ref::borrow(args[i]);
 
     const Py_ssize_t kwcount = kwnames ? PyTuple_GET_SIZE(kwnames) : 0;
     for (Py_ssize_t k = 0; k < kwcount; ++k) {
@@ -120,32 +122,34 @@ void bind(FunctionObject* f, PyObject* const* args, Py_ssize_t nargs, PyObject* 
             PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", f->qualname, keyword);
             raise();
         }
-        if (slots[j] != nullptr) {
+        if (slots[j]) {
             PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", f->qualname, keyword);
             raise();
         }
-        slots[j] = args[nargs + k];
+        slots[j] = Ref::borrow(args[nargs + k]);
     }
 
     if (nargs > argcount) too_many_positional(f, nargs, slots);
 
     if (nargs < argcount) {
-        const Py_ssize_t defcount = f->defaults ? PyTuple_GET_SIZE(f->defaults) : 0;
+        Ref defaults = Ref::borrow(f->defaults);
+        const Py_ssize_t defcount = defaults ? PyTuple_GET_SIZE(defaults.get()) : 0;
         const Py_ssize_t m = argcount - defcount;
         for (Py_ssize_t i = nargs; i < m; ++i) {
-            if (slots[i] == nullptr) missing_arguments(f, 0, static_cast<int>(m), slots, "positional");
+            if (!slots[i]) missing_arguments(f, 0, static_cast<int>(m), slots, "positional");
         }
         for (Py_ssize_t i = (n > m ? n - m : 0); i < defcount; ++i) {
-            if (slots[m + i] == nullptr) slots[m + i] = PyTuple_GET_ITEM(f->defaults, i);
+            if (!slots[m + i]) slots[m + i] = Ref::borrow(PyTuple_GET_ITEM(defaults.get(), i));
         }
     }
 
     for (int i = argcount; i < decl.parameter_count; ++i) {
-        if (slots[i] != nullptr) continue;
+        if (slots[i]) continue;
         if (f->kwdefaults != nullptr) {
-            PyObject* value = PyDict_GetItemWithError(f->kwdefaults, f->parameter_names[i]);
+            Ref kwdefaults = Ref::borrow(f->kwdefaults);
+            PyObject* value = PyDict_GetItemWithError(kwdefaults.get(), f->parameter_names[i]);
             if (value != nullptr) {
-                slots[i] = value;
+                slots[i] = Ref::borrow(value);
                 continue;
             }
             if (PyErr_Occurred()) raise();
@@ -155,12 +159,13 @@ void bind(FunctionObject* f, PyObject* const* args, Py_ssize_t nargs, PyObject* 
 }
 
 // Python-to-Python calls cost the host no C stack, but every call through one of these
-// functions does; with a raised recursion limit, recursion through them could run out of
-// stack before the limit is reached. Refuse as the host refuses deep recursion, while a
-// safe margin of the thread's stack is left.
+// functions does (about 1 KiB a level, with the host's frame evaluation between two of
+// them), so recursion through them could exhaust a thread's stack before the recursion
+// limit is reached. Refuse as the host refuses deep recursion, while a margin of the
+// thread's stack is left: a quarter of it, up to 256 KiB, so small stacks are guarded too.
 bool stack_nearly_exhausted() {
-    constexpr std::size_t margin = std::size_t{256} * 1024;
     thread_local const char* limit = [] {
+        constexpr std::size_t largest_margin = std::size_t{256} * 1024;
         pthread_attr_t attr;
         void* base = nullptr;
         std::size_t size = 0;
@@ -168,7 +173,7 @@ bool stack_nearly_exhausted() {
             pthread_attr_getstack(&attr, &base, &size);
             pthread_attr_destroy(&attr);
         }
-        return base != nullptr && size > 2 * margin ? static_cast<const char*>(base) + margin : nullptr;
+        return base == nullptr ? nullptr : static_cast<const char*>(base) + std::min(largest_margin, size / 4);
     }();
     return limit != nullptr && static_cast<const char*>(__builtin_frame_address(0)) < limit;
 }
@@ -181,17 +186,19 @@ PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t narg
     }
     if (Py_EnterRecursiveCall("")) return nullptr;
     PyObject* result = nullptr;
-    Context cx(f->module, self);
+    // The module and its builtins stay alive for the call even if the body drops the last
+    // other reference to them.
+    Ref keep_module = Ref::borrow(f->module);
+    Ref keep_builtins = Ref::borrow(f->builtins);
+    Context cx(f->module, f->builtins, self);
     bool bound = false;  // a call the binder refuses never ran, and shows no frame of its own
     try {
-        // The defaults and the module stay alive for the call even if a body rebinds them.
-        Ref keep_defaults = Ref::borrow(f->defaults);
-        Ref keep_kwdefaults = Ref::borrow(f->kwdefaults);
-        Ref keep_module = Ref::borrow(f->module);
-        PyObject* slots[max_parameters] = {};
+        Ref slots[max_parameters];
         bind(f, args, PyVectorcall_NARGS(nargsf), kwnames, slots);
         bound = true;
-        result = f->decl->body(cx, slots).release();
+        PyObject* arguments[max_parameters];
+        for (int i = 0; i < max_parameters; ++i) arguments[i] = slots[i].get();
+        result = f->decl->body(cx, arguments).release();
     } catch (const PythonError&) {
         if (bound) cx.trace();
         result = nullptr;
@@ -270,51 +277,55 @@ PyObject* get_globals(PyObject* self, void*) { return Py_NewRef(PyModule_GetDict
 
 // inspect.Signature of the function as it stands now: its current defaults and
 // annotations, so a rebound __defaults__ shows as it does for a Python function.
+// inspect.Signature of the function as it stands now: its current defaults and
+// annotations, so a rebound __defaults__ shows as it does for a Python function.
 PyObject* get_signature(PyObject* self, void*) {
     FunctionObject* f = as_function(self);
+    const State& st = state_of(f->module);
     try {
         // A signature assigned by a caller (as decorators do) wins, as it would in __dict__.
         if (f->dict != nullptr) {
-            PyObject* assigned = PyDict_GetItemWithError(f->dict, str("__signature__").get());
+            PyObject* assigned = PyDict_GetItemWithError(f->dict, st[Name::__signature__]);
             if (assigned != nullptr) return Py_NewRef(assigned);
             if (PyErr_Occurred()) raise();
         }
-        Ref inspect = Ref::steal(PyImport_ImportModule("inspect"));
-        Ref parameter_type = getattr(inspect.get(), str("Parameter").get());
-        Ref signature_type = getattr(inspect.get(), str("Signature").get());
-        Ref empty = getattr(parameter_type.get(), str("empty").get());
-        Ref positional = getattr(parameter_type.get(), str("POSITIONAL_OR_KEYWORD").get());
-        Ref keyword_only = getattr(parameter_type.get(), str("KEYWORD_ONLY").get());
+        Ref inspect = Ref::steal(PyImport_Import(st[Name::inspect]));
+        Ref parameter_type = getattr(inspect.get(), st[Name::Parameter]);
+        Ref signature_type = getattr(inspect.get(), st[Name::Signature]);
+        Ref empty = getattr(parameter_type.get(), st[Name::empty]);
+        Ref positional = getattr(parameter_type.get(), st[Name::POSITIONAL_OR_KEYWORD]);
+        Ref keyword_only = getattr(parameter_type.get(), st[Name::KEYWORD_ONLY]);
         Ref annotations = Ref::steal(get_annotations(self, nullptr));
-        Ref kwnames = Ref::steal(Py_BuildValue("(ss)", "default", "annotation"));
+        Ref defaults = Ref::borrow(f->defaults);
+        Ref kwdefaults = Ref::borrow(f->kwdefaults);
 
         const FunctionDecl& decl = *f->decl;
         const int argcount = positional_count(decl);
-        const Py_ssize_t defcount = f->defaults ? PyTuple_GET_SIZE(f->defaults) : 0;
+        const Py_ssize_t defcount = defaults ? PyTuple_GET_SIZE(defaults.get()) : 0;
         Ref parameters = new_list();
         for (int i = 0; i < decl.parameter_count; ++i) {
             PyObject* name = f->parameter_names[i];
-            PyObject* fallback = nullptr;
+            Ref fallback;
             if (i < argcount) {
                 const Py_ssize_t d = i - (argcount - defcount);
-                if (d >= 0 && d < defcount) fallback = PyTuple_GET_ITEM(f->defaults, d);
-            } else if (f->kwdefaults) {
-                fallback = PyDict_GetItemWithError(f->kwdefaults, name);
-                if (fallback == nullptr && PyErr_Occurred()) raise();
+                if (d >= 0 && d < defcount) fallback = Ref::borrow(PyTuple_GET_ITEM(defaults.get(), d));
+            } else if (kwdefaults) {
+                fallback = Ref::borrow(PyDict_GetItemWithError(kwdefaults.get(), name));
+                if (!fallback && PyErr_Occurred()) raise();
             }
-            PyObject* annotation = PyDict_GetItemWithError(annotations.get(), name);
-            if (annotation == nullptr && PyErr_Occurred()) raise();
+            Ref annotation = Ref::borrow(PyDict_GetItemWithError(annotations.get(), name));
+            if (!annotation && PyErr_Occurred()) raise();
             PyObject* kind = i < argcount ? positional.get() : keyword_only.get();
-            append(parameters.get(),
-                   call(parameter_type.get(),
-                        {name, kind, fallback ? fallback : empty.get(), annotation ? annotation : empty.get()},
-                        kwnames.get())
-                       .get());
+            append(parameters.get(), call(parameter_type.get(),
+                                          {name, kind, fallback ? fallback.get() : empty.get(),
+                                           annotation ? annotation.get() : empty.get()},
+                                          st[Held::kw_parameter])
+                                         .get());
         }
-        PyObject* returns = PyDict_GetItemWithError(annotations.get(), str("return").get());
-        if (returns == nullptr && PyErr_Occurred()) raise();
-        Ref kw_return = Ref::steal(Py_BuildValue("(s)", "return_annotation"));
-        return call(signature_type.get(), {parameters.get(), returns ? returns : empty.get()}, kw_return.get())
+        Ref returns = Ref::borrow(PyDict_GetItemWithError(annotations.get(), st[Text::return_key]));
+        if (!returns && PyErr_Occurred()) raise();
+        return call(signature_type.get(), {parameters.get(), returns ? returns.get() : empty.get()},
+                    st[Held::kw_signature])
             .release();
     } catch (const PythonError&) {
         return nullptr;
@@ -323,23 +334,17 @@ PyObject* get_signature(PyObject* self, void*) {
 
 int set_signature(PyObject* self, PyObject* value, void*) {
     FunctionObject* f = as_function(self);
+    PyObject* key = state_of(f->module)[Name::__signature__];
     if (f->dict == nullptr) {
         f->dict = PyDict_New();
         if (f->dict == nullptr) return -1;
     }
-    PyObject* key = PyUnicode_FromString("__signature__");
-    if (key == nullptr) return -1;
-    int status;
-    if (value != nullptr) {
-        status = PyDict_SetItem(f->dict, key, value);
-    } else {
-        status = PyDict_DelItem(f->dict, key);
-        if (status < 0 && PyErr_ExceptionMatches(PyExc_KeyError)) {
-            PyErr_Clear();
-            PyErr_SetObject(PyExc_AttributeError, key);
-        }
+    if (value != nullptr) return PyDict_SetItem(f->dict, key, value);
+    const int status = PyDict_DelItem(f->dict, key);
+    if (status < 0 && PyErr_ExceptionMatches(PyExc_KeyError)) {
+        PyErr_Clear();
+        PyErr_SetObject(PyExc_AttributeError, key);
     }
-    Py_DECREF(key);
     return status;
 }
 
@@ -358,6 +363,7 @@ int function_traverse(PyObject* self, visitproc visit, void* arg) {
     FunctionObject* f = as_function(self);
     Py_VISIT(Py_TYPE(self));
     Py_VISIT(f->module);
+    Py_VISIT(f->builtins);
     Py_VISIT(f->name);
     Py_VISIT(f->qualname);
     Py_VISIT(f->module_name);
@@ -373,6 +379,7 @@ int function_traverse(PyObject* self, visitproc visit, void* arg) {
 int function_clear(PyObject* self) {
     FunctionObject* f = as_function(self);
     Py_CLEAR(f->module);
+    Py_CLEAR(f->builtins);
     Py_CLEAR(f->module_name);
     Py_CLEAR(f->doc);
     Py_CLEAR(f->annotations);
@@ -451,7 +458,8 @@ PyTypeObject* make_function_type(PyObject* module) {
 }
 
 Ref make_function(PyObject* module, const FunctionDecl& decl) {
-    State& st = state_of(module);
+    const State& st = state_of(module);
+    Ref builtins = Ref::borrow(builtins_of(module));
     Ref annotations = Ref::steal(PyDict_New());
     Ref defaults_list = new_list();
     for (int i = 0; i < decl.parameter_count; ++i) {
@@ -459,7 +467,7 @@ Ref make_function(PyObject* module, const FunctionDecl& decl) {
         if (p.annotation) check(PyDict_SetItemString(annotations.get(), p.name, str(p.annotation).get()));
         if (p.default_text) append(defaults_list.get(), str(p.default_text).get());
     }
-    check(PyDict_SetItemString(annotations.get(), "return", str(decl.returns).get()));
+    check(PyDict_SetItem(annotations.get(), st[Text::return_key], str(decl.returns).get()));
     Ref name = str(decl.name);
     Ref qualname = str(decl.qualname);
     Ref doc = str(decl.doc);
@@ -467,11 +475,12 @@ Ref make_function(PyObject* module, const FunctionDecl& decl) {
     Ref defaults;
     if (PyList_GET_SIZE(defaults_list.get()) > 0) defaults = Ref::steal(PyList_AsTuple(defaults_list.get()));
 
-    auto* f = PyObject_GC_New(FunctionObject, st.function_type);
+    auto* f = PyObject_GC_New(FunctionObject, reinterpret_cast<PyTypeObject*>(st[Held::function_type]));
     if (f == nullptr) raise();
     f->vectorcall = function_vectorcall;
     f->decl = &decl;
     f->module = Py_NewRef(module);
+    f->builtins = builtins.release();
     f->name = name.release();
     f->qualname = qualname.release();
     f->module_name = module_name.release();
@@ -497,12 +506,8 @@ PyObject* new_frame(PyObject* function, PyObject* globals) noexcept {
     if (f->code == nullptr) {
         // Named as its source would name it, whatever __name__ was set to since; there is
         // no Python line to point at.
-        PyObject* file = PyDict_GetItemString(globals, "__file__");
-        const char* filename = file != nullptr && PyUnicode_Check(file) ? PyUnicode_AsUTF8(file) : nullptr;
-        if (filename == nullptr) {
-            PyErr_Clear();
-            filename = "agent_skills";
-        }
+        const char* filename = PyUnicode_AsUTF8(state_of(f->module)[Held::file]);
+        if (filename == nullptr) return nullptr;
         f->code = reinterpret_cast<PyObject*>(PyCode_NewEmpty(filename, f->decl->name, 0));
         if (f->code == nullptr) return nullptr;
     }

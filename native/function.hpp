@@ -19,7 +19,8 @@ struct Parameter {
     const char* default_text = nullptr;  // the only defaults the module has are texts
 };
 
-// Gets one argument per parameter, in parameter order, every one present (borrowed).
+// Gets one argument per parameter, in parameter order, every one present; the call holds a
+// strong reference to each for as long as the body runs.
 using Body = Ref (*)(const Context&, PyObject* const* args);
 
 inline constexpr int max_parameters = 3;

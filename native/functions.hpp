@@ -34,6 +34,28 @@ extern const FunctionDecl update_command_function;
 extern const FunctionDecl shell_word_function;
 Ref make_installed_skill(PyObject* module);
 
+// What the scan's handlers catch: the two kinds of file-system failure, or only the
+// RuntimeError of a home directory that cannot be determined.
+enum class Catching { scan_failures, undetermined_home };
+
+// The handler put around a file-system step, for use in a catch block, as the `except`
+// clauses a Python source would write:
+//   except (FileNotFoundError, NotADirectoryError): return answer()    [not there]
+//   except (OSError, RuntimeError): _say_unreadable(what); return answer()
+// Any other error propagates unchanged. The answer is built while the error is still the
+// one being handled, so an error raised there chains to it as in the `except` block.
+template <class Answer>
+Ref except_unreadable(const Context& cx, PyObject* what, Answer answer, Catching catching = Catching::scan_failures) {
+    CaughtError error = cx.catch_error();
+    const bool scan = catching == Catching::scan_failures;
+    const bool absent = scan && (error.matches(PyExc_FileNotFoundError) || error.matches(PyExc_NotADirectoryError));
+    const bool unreadable = !absent && (error.matches(PyExc_RuntimeError) || (scan && error.matches(PyExc_OSError)));
+    if (!absent && !unreadable) error.restore();
+    ExceptBlock block(error.value());
+    if (unreadable) call(cx.global(Name::_say_unreadable).get(), {what});
+    return answer();
+}
+
 // module.cpp: a class made from the module's `NamedTuple` exactly as a class statement
 // in the module makes it, with annotations kept as text.
 struct Field {

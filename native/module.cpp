@@ -10,39 +10,42 @@ namespace agent_skills {
 
 State& state_of(PyObject* module) { return *static_cast<State*>(PyModule_GetState(module)); }
 
-Context::Context(PyObject* module, PyObject* function)
-    : module_(module), dict_(PyModule_GetDict(module)), state_(&state_of(module)), function_(function) {}
-
-void Context::trace() const noexcept {
-    if (function_ == nullptr || !PyErr_Occurred()) return;
-    PyObject *type, *value, *tb;
-    PyErr_Fetch(&type, &value, &tb);
-    if (frame_ == nullptr) {
-        frame_ = new_frame(function_, dict_);
-        PyErr_Clear();  // without a frame the error goes on as it was
-    }
-    const bool present = tb != nullptr &&
-                         reinterpret_cast<PyObject*>(reinterpret_cast<PyTracebackObject*>(tb)->tb_frame) == frame_;
-    PyErr_Restore(type, value, tb);
-    if (frame_ != nullptr && !present) PyTraceBack_Here(reinterpret_cast<PyFrameObject*>(frame_));
-}
-
-Ref Context::global(Name n) const {
-    PyObject* key = name(n);
-    PyObject* value = PyDict_GetItemWithError(dict_, key);
-    if (value != nullptr) return Ref::borrow(value);
-    if (PyErr_Occurred()) raise();
-    PyObject* builtins = PyEval_GetBuiltins();
-    if (builtins != nullptr) {
-        value = PyDict_GetItemWithError(builtins, key);
+Ref lookup_global(PyObject* globals, PyObject* builtins, PyObject* name) {
+    for (PyObject* scope : {globals, builtins}) {
+        PyObject* value = PyDict_GetItemWithError(scope, name);
         if (value != nullptr) return Ref::borrow(value);
         if (PyErr_Occurred()) raise();
     }
-    PyErr_Format(PyExc_NameError, "name '%U' is not defined", key);
+    PyErr_Format(PyExc_NameError, "name '%U' is not defined", name);
     CaughtError error;
-    if (error.value() != nullptr) PyObject_SetAttrString(error.value(), "name", key);
+    if (error.value() != nullptr) PyObject_SetAttrString(error.value(), "name", name);
     PyErr_Clear();  // a failure to set the attribute must not hide the NameError
     error.restore();
+}
+
+PyObject* builtins_of(PyObject* module) {
+    PyObject* builtins = PyDict_GetItemWithError(PyModule_GetDict(module), state_of(module)[Name::__builtins__]);
+    if (builtins == nullptr && PyErr_Occurred()) raise();
+    if (builtins != nullptr && PyModule_Check(builtins)) builtins = PyModule_GetDict(builtins);
+    return builtins != nullptr && PyDict_Check(builtins) ? builtins : PyEval_GetBuiltins();
+}
+
+Context::Context(PyObject* module, PyObject* builtins, PyObject* function)
+    : dict_(PyModule_GetDict(module)), builtins_(builtins), state_(&state_of(module)), function_(function) {}
+
+void Context::trace() const noexcept {
+    if (!PyErr_Occurred()) return;
+    PyObject *type, *value, *tb;
+    PyErr_Fetch(&type, &value, &tb);
+    if (!frame_) {
+        frame_ = Ref::steal_or_null(new_frame(function_, dict_));
+        PyErr_Clear();  // without a frame the error goes on as it was
+    }
+    // PyTracebackObject's layout is public; no call asks which frame a traceback entry holds.
+    const bool present = tb != nullptr && reinterpret_cast<PyObject*>(
+                                              reinterpret_cast<PyTracebackObject*>(tb)->tb_frame) == frame_.get();
+    PyErr_Restore(type, value, tb);
+    if (frame_ && !present) PyTraceBack_Here(reinterpret_cast<PyFrameObject*>(frame_.get()));
 }
 
 PyObject* Context::peek(Name n) const noexcept {
@@ -61,24 +64,20 @@ constexpr const char* module_doc =
     "the directories an install writes, and the read of the version a ``SKILL.md`` is stamped with.\n"
     "Standard library only; reads files, writes none.\n";
 
-// The bound-name writer of the execution step.
+// The module's namespace as the execution step writes and reads it, like the statements of
+// a module body: names are looked up as LOAD_NAME looks them up, in the module's dict, then
+// in its builtins.
 class Namespace {
 public:
     explicit Namespace(PyObject* module) : module_(module), dict_(PyModule_GetDict(module)) {}
     void bind(const char* name, PyObject* value) const { check(PyDict_SetItemString(dict_, name, value)); }
     void bind(const char* name, const Ref& value) const { bind(name, value.get()); }
-    Ref lookup(const char* name) const {
-        PyObject* value = PyDict_GetItemString(dict_, name);
-        if (value == nullptr) {
-            PyErr_Format(PyExc_NameError, "name '%s' is not defined", name);
-            raise();
-        }
-        return Ref::borrow(value);
-    }
+    Ref lookup(const char* name) const { return lookup_global(dict_, builtins_of(module_), str(name).get()); }
     void annotate(const char* name, const char* annotation) const {
         check(PyObject_SetItem(lookup("__annotations__").get(), str(name).get(), str(annotation).get()));
     }
     void bind_function(const FunctionDecl& decl) const { bind(decl.name, make_function(module_, decl)); }
+    PyObject* module() const noexcept { return module_; }
     PyObject* dict() const noexcept { return dict_; }
 
 private:
@@ -86,12 +85,39 @@ private:
     PyObject* dict_;
 };
 
+// Whether `f` is the interpreter's own `builtins.__import__`, for which the import
+// statement skips the call. The interpreter keeps its original in a field no public call
+// reads, so it is recognised as the builtin function of that name of the builtins module.
+bool original_import(PyObject* f) {
+    if (!PyCFunction_Check(f)) return false;
+    PyObject* owner = PyCFunction_GET_SELF(f);
+    return owner != nullptr && PyModule_Check(owner) && std::strcmp(PyModule_GetName(owner), "builtins") == 0 &&
+           std::strcmp(reinterpret_cast<PyCFunctionObject*>(f)->m_ml->ml_name, "__import__") == 0;
+}
+
+// IMPORT_NAME at module level: `__import__(name, globals, locals, fromlist, 0)`, with the
+// `__import__` of the module's builtins, the module's dict as both namespaces.
+Ref import_name(const Namespace& ns, const char* name, PyObject* fromlist) {
+    Ref name_obj = str(name);
+    PyObject* import = PyDict_GetItemWithError(builtins_of(ns.module()), state_of(ns.module())[Name::__import__]);
+    if (import == nullptr) {
+        if (!PyErr_Occurred()) PyErr_SetString(PyExc_ImportError, "__import__ not found");
+        raise();
+    }
+    if (original_import(import))
+        return Ref::steal(PyImport_ImportModuleLevelObject(name_obj.get(), ns.dict(), ns.dict(), fromlist, 0));
+    Ref keep = Ref::borrow(import);
+    Ref level = Ref::steal(PyLong_FromLong(0));
+    return call(import, {name_obj.get(), ns.dict(), ns.dict(), fromlist, level.get()});
+}
+
+Ref import_module(const Namespace& ns, const char* name) { return import_name(ns, name, Py_None); }
+
 // `from <module> import <name>`, failing as the interpreter's IMPORT_FROM fails.
 Ref import_from(const Namespace& ns, const char* module_name, const char* name) {
     Ref name_obj = str(name);
     Ref fromlist = Ref::steal(PyTuple_Pack(1, name_obj.get()));
-    Ref module = Ref::steal(
-        PyImport_ImportModuleLevelObject(str(module_name).get(), ns.dict(), nullptr, fromlist.get(), 0));
+    Ref module = import_name(ns, module_name, fromlist.get());
     PyObject* value = PyObject_GetAttr(module.get(), name_obj.get());
     if (value != nullptr) return Ref::steal(value);
     if (!PyErr_ExceptionMatches(PyExc_AttributeError)) raise();
@@ -131,10 +157,6 @@ Ref import_from(const Namespace& ns, const char* module_name, const char* name) 
     raise();
 }
 
-Ref import_module(const Namespace& ns, const char* name) {
-    return Ref::steal(PyImport_ImportModuleLevelObject(str(name).get(), ns.dict(), nullptr, nullptr, 0));
-}
-
 Ref tuple_of_texts(std::initializer_list<const char*> texts) {
     Ref t = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(texts.size())));
     Py_ssize_t i = 0;
@@ -150,44 +172,62 @@ Ref compile_pattern(const Namespace& ns, const char* pattern, const char* flag) 
     return call(compile.get(), {str(pattern).get(), flags.get()});
 }
 
-void intern_state(PyObject* module, State& st) {
-    static const char* const names[] = {
-#define AGENT_SKILLS_TEXT(n) #n,
-        AGENT_SKILLS_NAMES(AGENT_SKILLS_TEXT)
+PyObject* interned(const char* text) {
+    PyObject* o = PyUnicode_InternFromString(text);
+    if (o == nullptr) raise();
+    return o;
+}
+
+void intern_state(State& st) {
+#define AGENT_SKILLS_NAME(n) st[Name::n] = interned(#n);
+    AGENT_SKILLS_NAMES(AGENT_SKILLS_NAME)
+#undef AGENT_SKILLS_NAME
+#define AGENT_SKILLS_TEXT(n, text) st[Text::n] = interned(text);
+    AGENT_SKILLS_TEXTS(AGENT_SKILLS_TEXT)
 #undef AGENT_SKILLS_TEXT
+    auto names = [](auto... n) {
+        PyObject* t = PyTuple_Pack(sizeof...(n), n...);
+        if (t == nullptr) raise();
+        return t;
     };
-    for (int i = 0; i < static_cast<int>(Name::count); ++i) {
-        st.names[i] = PyUnicode_InternFromString(names[i]);
-        if (st.names[i] == nullptr) raise();
-    }
-    auto text = [](const char* s) {
-        PyObject* o = PyUnicode_InternFromString(s);
-        if (o == nullptr) raise();
-        return o;
-    };
-    st.text_user = text("user");
-    st.text_project = text("project");
-    st.text_rb = text("rb");
-    st.text_utf8 = text("utf-8");
-    st.text_replace = text("replace");
-    st.text_empty = text("");
-    st.text_dot = text(".");
-    st.text_home_directory = text("the home directory");
-    st.text_unreadable_message = text("Cannot read %s to compare the installed skills with the package");
-    st.kw_strict = PyTuple_Pack(1, st.names[static_cast<int>(Name::strict)]);
-    if (st.kw_strict == nullptr) raise();
-    st.kw_exc_info = PyTuple_Pack(1, st.names[static_cast<int>(Name::exc_info)]);
-    if (st.kw_exc_info == nullptr) raise();
-    st.function_type = make_function_type(module);
-    if (st.function_type == nullptr) raise();
+    st[Held::kw_strict] = names(st[Name::strict]);
+    st[Held::kw_exc_info] = names(st[Name::exc_info]);
+    st[Held::kw_parameter] = Py_BuildValue("(ss)", "default", "annotation");
+    st[Held::kw_signature] = Py_BuildValue("(s)", "return_annotation");
+    if (st[Held::kw_parameter] == nullptr || st[Held::kw_signature] == nullptr) raise();
+}
+
+// What later calls compare bound objects with, and what they need of the host that no
+// name of the module reaches: taken once the names are bound.
+void capture_originals(PyObject* module, const Namespace& ns, State& st) {
+    PyObject* file = PyDict_GetItemWithError(ns.dict(), st[Name::__file__]);
+    if (file == nullptr && PyErr_Occurred()) raise();
+    st[Held::file] = file != nullptr && PyUnicode_Check(file) ? Py_NewRef(file) : PyModule_GetNameObject(module);
+    if (st[Held::file] == nullptr) raise();
+    st[Held::own_score] = ns.lookup("_score").release();
+    st[Held::own_combinations] = getattr(ns.lookup("itertools").get(), st[Name::combinations]).release();
+    // The logging package as its Logger.warning runs, whatever the module's names are bound to.
+    Ref logging = Ref::steal(PyImport_ImportModule("logging"));
+    Ref logger_class = getattr(logging.get(), str("Logger").get());
+    st[Held::logger_warning] = getattr(logger_class.get(), st[Name::warning]).release();
+    st[Held::logger_log] = getattr(logger_class.get(), st[Name::_log]).release();
+    st[Held::logger_find_caller] = getattr(logger_class.get(), st[Name::findCaller]).release();
+    st[Held::logging_globals] = Py_NewRef(PyModule_GetDict(logging.get()));
+    st[Held::logging_currentframe] = getattr(logging.get(), st[Name::currentframe]).release();
 }
 
 void exec_module(PyObject* module) {
     State& st = state_of(module);
-    intern_state(module, st);
+    intern_state(st);
+    st[Held::function_type] = reinterpret_cast<PyObject*>(make_function_type(module));
+    if (st[Held::function_type] == nullptr) raise();
     Namespace ns(module);
 
-    // 1. Standard attributes.
+    // 1. Standard attributes; as exec() does for a module's code, the builtins it runs with.
+    if (PyDict_GetItemWithError(ns.dict(), st[Name::__builtins__]) == nullptr) {
+        if (PyErr_Occurred()) raise();
+        ns.bind("__builtins__", PyEval_GetBuiltins());
+    }
     ns.bind("__doc__", str(module_doc));
     Ref name = ns.lookup("__name__");
     Ref parts = Ref::steal(PyUnicode_RPartition(name.get(), str(".").get()));
@@ -259,10 +299,7 @@ void exec_module(PyObject* module) {
     ns.bind_function(update_command_function);
     ns.bind_function(shell_word_function);
 
-    // What the fast paths compare against: the objects as first bound.
-    st.own_score = ns.lookup("_score").release();
-    st.own_combinations =
-        getattr(ns.lookup("itertools").get(), st.names[static_cast<int>(Name::combinations)]).release();
+    capture_originals(module, ns, st);
 }
 
 // The class statement `class <name>(NamedTuple): ...` of the module: bases resolved
@@ -313,13 +350,10 @@ Ref build_class(PyObject* module, const char* name, PyObject* base, const char* 
 void unregister(PyObject* module) {
     PyObject *type, *value, *tb;
     PyErr_Fetch(&type, &value, &tb);
-    PyObject* name = PyModule_GetNameObject(module);
+    Ref name = Ref::steal_or_null(PyModule_GetNameObject(module));
     PyObject* modules = PyImport_GetModuleDict();
-    if (name != nullptr && modules != nullptr) {
-        PyObject* registered = PyDict_GetItemWithError(modules, name);
-        if (registered == module) PyDict_DelItem(modules, name);
-    }
-    Py_XDECREF(name);
+    if (name && modules != nullptr && PyDict_GetItemWithError(modules, name.get()) == module)
+        PyDict_DelItem(modules, name.get());
     PyErr_Clear();
     PyErr_Restore(type, value, tb);
 }
@@ -336,35 +370,26 @@ int module_exec(PyObject* module) {
     return -1;
 }
 
+State* live_state(PyObject* module) { return static_cast<State*>(PyModule_GetState(module)); }
+
 int module_traverse(PyObject* module, visitproc visit, void* arg) {
-    auto* st = static_cast<State*>(PyModule_GetState(module));
-    if (st == nullptr) return 0;
-    Py_VISIT(st->function_type);
-    Py_VISIT(st->own_score);
-    Py_VISIT(st->own_combinations);
-    return 0;
+    State* st = live_state(module);
+    return st == nullptr ? 0 : st->each([&](PyObject*& slot) {
+        Py_VISIT(slot);
+        return 0;
+    });
 }
 
 int module_clear(PyObject* module) {
-    auto* st = static_cast<State*>(PyModule_GetState(module));
-    if (st == nullptr) return 0;
-    Py_CLEAR(st->function_type);
-    Py_CLEAR(st->own_score);
-    Py_CLEAR(st->own_combinations);
+    if (State* st = live_state(module))
+        st->each([](PyObject*& slot) {
+            Py_CLEAR(slot);
+            return 0;
+        });
     return 0;
 }
 
-void module_free(void* module) {
-    auto* m = static_cast<PyObject*>(module);
-    module_clear(m);
-    auto* st = static_cast<State*>(PyModule_GetState(m));
-    if (st == nullptr) return;
-    for (PyObject*& n : st->names) Py_CLEAR(n);
-    for (PyObject** p :
-         {&st->text_user, &st->text_project, &st->text_rb, &st->text_utf8, &st->text_replace, &st->text_empty,
-          &st->text_dot, &st->text_home_directory, &st->text_unreadable_message, &st->kw_strict, &st->kw_exc_info})
-        Py_CLEAR(*p);
-}
+void module_free(void* module) { module_clear(static_cast<PyObject*>(module)); }
 
 PyModuleDef_Slot module_slots[] = {
     {Py_mod_exec, reinterpret_cast<void*>(module_exec)},
@@ -400,7 +425,9 @@ Ref make_record_type(PyObject* module, const char* name, const char* doc, std::i
 
 extern "C" PyMODINIT_FUNC PyInit_agent_skills() {
     using namespace agent_skills;
-    // The interpreter names the module it is loading; keep the full dotted name.
+    // The interpreter names the module it is loading; keep the full dotted name. The name
+    // is only handed over in this private variable, which the import machinery sets for
+    // the duration of the entry point.
     if (module_def.m_name == nullptr) {
         if (_Py_PackageContext != nullptr && std::strrchr(_Py_PackageContext, '.') != nullptr)
             module_name() = _Py_PackageContext;

@@ -6,6 +6,7 @@
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
+#include <array>
 #include <initializer_list>
 #include <utility>
 
@@ -83,15 +84,19 @@ inline Ref call(PyObject* callable, std::initializer_list<PyObject*> args, PyObj
                                           (args.size() - (kwnames ? PyTuple_GET_SIZE(kwnames) : 0)), kwnames));
 }
 
-// obj.name(*args): the method is looked up on the object, as an attribute call does.
-inline Ref call_method(PyObject* obj, PyObject* name, std::initializer_list<PyObject*> args = {},
-                       PyObject* kwnames = nullptr) {
-    PyObject* stack[8];
-    stack[0] = obj;
-    size_t n = 1;
-    for (PyObject* a : args) stack[n++] = a;
-    size_t nkw = kwnames ? static_cast<size_t>(PyTuple_GET_SIZE(kwnames)) : 0;
-    return Ref::steal(PyObject_VectorcallMethod(name, stack, (n - nkw) | PY_VECTORCALL_ARGUMENTS_OFFSET, kwnames));
+// obj.name(*args, **kw): the method is looked up on the object, as an attribute call
+// does. The trailing `kwnames` arguments are passed by those names.
+template <class... Args>
+Ref call_method_kw(PyObject* obj, PyObject* name, PyObject* kwnames, Args... args) {
+    std::array<PyObject*, 1 + sizeof...(Args)> stack{obj, args...};
+    const size_t positional = stack.size() - (kwnames ? static_cast<size_t>(PyTuple_GET_SIZE(kwnames)) : 0);
+    return Ref::steal(
+        PyObject_VectorcallMethod(name, stack.data(), positional | PY_VECTORCALL_ARGUMENTS_OFFSET, kwnames));
+}
+
+template <class... Args>
+Ref call_method(PyObject* obj, PyObject* name, Args... args) {
+    return call_method_kw(obj, name, nullptr, args...);
 }
 
 inline Ref iterate(PyObject* o) { return Ref::steal(PyObject_GetIter(o)); }
@@ -141,16 +146,20 @@ private:
     Ref type_, value_, tb_;
 };
 
-// While alive, makes an exception the one `sys.exc_info()` reports, as inside an
-// `except` block; the previous one comes back on the way out.
-class Handling {
+// While alive, makes an exception the one `sys.exc_info()` reports, as an `except` block
+// does, and on the way out puts back exactly what the slot held before. The thread's
+// exception slot is read directly: PyErr_GetHandledException searches the outer frames
+// and would copy an outer exception into this slot (a generator's own, for instance).
+class ExceptBlock {
 public:
-    explicit Handling(PyObject* exc) : previous_(Ref::steal_or_null(PyErr_GetHandledException())) {
-        PyErr_SetHandledException(exc);
+    explicit ExceptBlock(PyObject* exc) {
+        _PyErr_StackItem* slot = PyThreadState_Get()->exc_info;
+        previous_ = Ref::borrow(slot->exc_value != nullptr ? slot->exc_value : Py_None);
+        Py_XSETREF(slot->exc_value, Py_NewRef(exc));
     }
-    Handling(const Handling&) = delete;
-    Handling& operator=(const Handling&) = delete;
-    ~Handling() { PyErr_SetHandledException(previous_.get()); }
+    ExceptBlock(const ExceptBlock&) = delete;
+    ExceptBlock& operator=(const ExceptBlock&) = delete;
+    ~ExceptBlock() { Py_XSETREF(PyThreadState_Get()->exc_info->exc_value, previous_.release()); }
 
 private:
     Ref previous_;

@@ -5,15 +5,14 @@
 namespace agent_skills {
 namespace {
 
-Ref format_text(PyObject* value, const Context& cx) {
-    return Ref::steal(PyObject_Format(value, cx.state().text_empty));
-}
+// f"{value}": the text a replacement field makes of it.
+Ref format_text(PyObject* value, const Context& cx) { return Ref::steal(PyObject_Format(value, cx.text(Text::empty))); }
 
-Ref concat(std::initializer_list<PyObject*> pieces) {
-    Ref list = Ref::steal(PyList_New(0));
+// The pieces of an f-string, joined.
+Ref concat(const Context& cx, std::initializer_list<PyObject*> pieces) {
+    Ref list = new_list();
     for (PyObject* piece : pieces) append(list.get(), piece);
-    Ref empty = str("");
-    return Ref::steal(PyUnicode_Join(empty.get(), list.get()));
+    return Ref::steal(PyUnicode_Join(cx.text(Text::empty), list.get()));
 }
 
 Ref stale(const Context& cx, PyObject* const* args) {
@@ -41,13 +40,12 @@ const FunctionDecl stale_function{
 Ref shell_word(const Context& cx, PyObject* const* args) {
     PyObject* text = args[0];
     Ref pattern = cx.global(Name::_PLAIN_WORD);
-    if (truthy(call_method(pattern.get(), cx.name(Name::fullmatch), {text}).get())) return Ref::borrow(text);
-    Ref quote = str("\"");
-    return concat({quote.get(), format_text(text, cx).get(), quote.get()});
+    if (truthy(call_method(pattern.get(), cx.name(Name::fullmatch), text).get())) return Ref::borrow(text);
+    return concat(cx, {cx.text(Text::quote), format_text(text, cx).get(), cx.text(Text::quote)});
 }
 
 // [text]: what a directory choice must equal to write exactly that directory.
-Ref only(PyObject* text) {
+Ref list_of_one(PyObject* text) {
     Ref list = new_list();
     append(list.get(), text);
     return list;
@@ -57,9 +55,8 @@ Ref update_command(const Context& cx, PyObject* const* args) {
     PyObject* scope = args[0];
     PyObject* skills_dir = args[1];
     PyObject* project_root = args[2];
-    const State& st = cx.state();
-    Ref agent = Ref::borrow(st.text_empty);
-    Ref target = only(skills_dir);
+    Ref agent = Ref::borrow(cx.text(Text::empty));
+    Ref target = list_of_one(skills_dir);
     // Each callee is looked up before its arguments are evaluated, as a Python call does, so an
     // unbound name fails with the same NameError first.
     Ref resolve = cx.global(Name::resolve_skill_dirs);
@@ -70,42 +67,38 @@ Ref update_command(const Context& cx, PyObject* const* args) {
         Ref it = iterate(agents.get());
         while (Ref key = next(it.get())) {
             resolve = cx.global(Name::resolve_skill_dirs);
-            Ref alone = call(resolve.get(), {only(key.get()).get(), scope});
+            Ref alone = call(resolve.get(), {list_of_one(key.get()).get(), scope});
             if (compare(alone.get(), target.get(), Py_EQ)) append(writers.get(), key.get());
         }
         if (PyList_GET_SIZE(writers.get()) == 0) return Ref::borrow(Py_None);
-        Ref option = str(" --agent ");
-        agent = concat({option.get(), format_text(PyList_GET_ITEM(writers.get(), 0), cx).get()});
+        Ref first = Ref::borrow(PyList_GET_ITEM(writers.get(), 0));
+        agent = concat(cx, {cx.text(Text::agent_option), format_text(first.get(), cx).get()});
     }
-    Ref repository = Ref::borrow(st.text_empty);
-    if (compare(scope, st.text_project, Py_EQ) && project_root != Py_None) {
+    Ref repository = Ref::borrow(cx.text(Text::empty));
+    if (compare(scope, cx.name(Name::project), Py_EQ) && project_root != Py_None) {
         Ref as_word = cx.global(Name::_shell_word);
         Ref posix = call_method(project_root, cx.name(Name::as_posix));
         Ref word = call(as_word.get(), {posix.get()});
-        Ref option = str(" --repo-root ");
-        repository = concat({option.get(), format_text(word.get(), cx).get()});
+        repository = concat(cx, {cx.text(Text::repo_root_option), format_text(word.get(), cx).get()});
     }
-    Ref program = str("zobek-lumeno");
-    Ref install = str(" skill install --scope ");
-    return concat({program.get(), repository.get(), install.get(), format_text(scope, cx).get(), agent.get()});
+    return concat(cx, {cx.text(Text::program), repository.get(), cx.text(Text::install_option),
+                       format_text(scope, cx).get(), agent.get()});
 }
 
 Ref installed_skill_versions(const Context& cx, PyObject* const* args) {
     PyObject* project_root = args[0];
-    const State& st = cx.state();
     // (scope, base) in order: the user scope first, when the home directory is known.
     Ref bases = new_list();
     try {
         Ref path_type = cx.global(Name::Path);
         Ref home = call_method(path_type.get(), cx.name(Name::home));
-        append(bases.get(), Ref::steal(PyTuple_Pack(2, st.text_user, home.get())).get());
+        append(bases.get(), Ref::steal(PyTuple_Pack(2, cx.name(Name::user), home.get())).get());
     } catch (const PythonError&) {
-        CaughtError error = cx.catch_error();
-        if (!error.matches(PyExc_RuntimeError)) error.restore();
-        Handling handling(error.value());
-        call(cx.global(Name::_say_unreadable).get(), {st.text_home_directory});
+        except_unreadable(
+            cx, cx.text(Text::home_directory), [] { return Ref(); }, Catching::undetermined_home);
     }
-    if (project_root != Py_None) append(bases.get(), Ref::steal(PyTuple_Pack(2, st.text_project, project_root)).get());
+    if (project_root != Py_None)
+        append(bases.get(), Ref::steal(PyTuple_Pack(2, cx.name(Name::project), project_root)).get());
 
     Ref agents = call(cx.global(Name::skill_capable_agents).get(), {});
     Ref found = new_list();

@@ -44,31 +44,35 @@ Ref skill_capable_agents(const Context& cx, PyObject* const*) {
     return keys;
 }
 
-Ref agent_roots(const Context& cx, PyObject* const* args) {
-    PyObject* agent_keys = args[0];
-    PyObject* scope = args[1];
-    // Each distinct key once, where it first appears: the keys of a dict made from them.
-    Ref distinct = Ref::steal(PyDict_New());
-    {
-        Ref it = iterate(agent_keys);
-        while (Ref key = next(it.get())) check(PyDict_SetItem(distinct.get(), key.get(), Py_None));
+// `AGENT_SKILL_ROOTS[key] if key in AGENT_SKILL_ROOTS`, an empty Ref when it is not: the
+// table's own membership test, then its indexing, the name looked up for each use as a
+// Python function looks it up. One probe does both for a dict and a str, whose lookups
+// run no code of the host's.
+Ref table_record(const Context& cx, PyObject* key) {
+    Ref table = cx.global(Name::AGENT_SKILL_ROOTS);
+    if (PyDict_CheckExact(table.get()) && PyUnicode_CheckExact(key)) {
+        PyObject* record = PyDict_GetItemWithError(table.get(), key);
+        if (record == nullptr && PyErr_Occurred()) raise();
+        return Ref::borrow(record);
     }
+    if (!contains(table.get(), key)) return Ref();
+    return Ref::steal(PyObject_GetItem(cx.global(Name::AGENT_SKILL_ROOTS).get(), key));
+}
+
+Ref agent_roots(const Context& cx, PyObject* const* args) {
+    PyObject* scope = args[1];
+    // Read to the end first; each distinct key once, where it first appears.
+    Ref distinct = Ref::steal(
+        PyObject_CallMethodOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), cx.name(Name::fromkeys), args[0]));
     Ref roots = Ref::steal(PyDict_New());
     Py_ssize_t pos = 0;
     PyObject *key, *unused;
     while (PyDict_Next(distinct.get(), &pos, &key, &unused)) {
         Ref keep_key = Ref::borrow(key);
-        Ref table = cx.global(Name::AGENT_SKILL_ROOTS);
-        Ref entry;
-        if (PyDict_CheckExact(table.get())) {
-            entry = Ref::borrow(PyDict_GetItemWithError(table.get(), key));
-            if (!entry && PyErr_Occurred()) raise();
-        } else {
-            entry = call_method(table.get(), cx.name(Name::get), {key});
-        }
-        if (!entry || entry.get() == Py_None) continue;
-        Ref is_user = Ref::steal(PyObject_RichCompare(scope, cx.state().text_user, Py_EQ));
-        Ref dirs = getattr(entry.get(), cx.name(truthy(is_user.get()) ? Name::user : Name::project));
+        Ref record = table_record(cx, key);
+        if (!record) continue;
+        const bool user = compare(scope, cx.name(Name::user), Py_EQ);
+        Ref dirs = getattr(record.get(), cx.name(user ? Name::user : Name::project));
         if (truthy(dirs.get())) check(PyDict_SetItem(roots.get(), key, dirs.get()));
     }
     return roots;

@@ -13,9 +13,11 @@ namespace {
 
 // A special method as the interpreter finds it: on the type. A plain method is kept
 // unbound and called with the instance first, which spares making a bound method.
-class Special {
+class SpecialMethod {
 public:
-    Special(PyObject* obj, PyObject* name) : obj_(obj) {
+    // _PyType_Lookup is how the interpreter finds special methods: on the type alone,
+    // without the instance's own attributes, which any public attribute lookup consults.
+    SpecialMethod(PyObject* obj, PyObject* name) : obj_(obj) {
         PyObject* found = _PyType_Lookup(Py_TYPE(obj), name);
         if (found == nullptr) return;
         if (PyType_HasFeature(Py_TYPE(found), Py_TPFLAGS_METHOD_DESCRIPTOR)) {
@@ -46,13 +48,13 @@ private:
 // Ref means the manager suppressed the body's exception.
 template <class Body>
 Ref with_context(const Context& cx, PyObject* manager, Body body) {
-    Special enter(manager, cx.name(Name::__enter__));
+    SpecialMethod enter(manager, cx.name(Name::__enter__));
     if (!enter) {
         PyErr_Format(PyExc_TypeError, "'%.200s' object does not support the context manager protocol",
                      Py_TYPE(manager)->tp_name);
         raise();
     }
-    Special exit(manager, cx.name(Name::__exit__));
+    SpecialMethod exit(manager, cx.name(Name::__exit__));
     if (!exit) {
         PyErr_Format(PyExc_TypeError,
                      "'%.200s' object does not support the context manager protocol (missed __exit__ method)",
@@ -67,7 +69,7 @@ Ref with_context(const Context& cx, PyObject* manager, Body body) {
         CaughtError error = cx.catch_error();
         bool suppress;
         {
-            Handling handling(error.value());
+            ExceptBlock block(error.value());
             PyObject* value_obj = error.value();
             auto* type_obj = reinterpret_cast<PyObject*>(Py_TYPE(value_obj));
             Ref tb = Ref::steal_or_null(PyException_GetTraceback(value_obj));
@@ -84,11 +86,10 @@ Ref with_context(const Context& cx, PyObject* manager, Body body) {
 // --- read_stamp ----------------------------------------------------------------------
 
 Ref read_stamp(const Context& cx, PyObject* const* args) {
-    const State& st = cx.state();
-    Ref file = call_method(args[0], cx.name(Name::open), {st.text_rb});
+    Ref file = call_method(args[0], cx.name(Name::open), cx.text(Text::rb));
     Ref head = with_context(cx, file.get(), [&](PyObject* handle) {
         Ref size = cx.global(Name::STAMP_HEAD_BYTES);
-        return call_method(handle, cx.name(Name::read), {size.get()});
+        return call_method(handle, cx.name(Name::read), size.get());
     });
     if (!head) {
         PyErr_SetString(PyExc_UnboundLocalError,
@@ -98,7 +99,7 @@ Ref read_stamp(const Context& cx, PyObject* const* args) {
     Ref text = PyBytes_CheckExact(head.get())
                    ? Ref::steal(
                          PyUnicode_DecodeUTF8(PyBytes_AS_STRING(head.get()), PyBytes_GET_SIZE(head.get()), "replace"))
-                   : call_method(head.get(), cx.name(Name::decode), {st.text_utf8, st.text_replace});
+                   : call_method(head.get(), cx.name(Name::decode), cx.text(Text::utf8), cx.text(Text::replace));
     const Py_ssize_t length = PyObject_Size(head.get());
     if (length < 0) raise();
     Ref length_obj = Ref::steal(PyLong_FromSsize_t(length));
@@ -110,18 +111,18 @@ Ref read_stamp(const Context& cx, PyObject* const* args) {
             if (last == -2) raise();
             text = Ref::steal(PyUnicode_Substring(text.get(), 0, last + 1));
         } else {
-            Ref newline = str("\n");
-            Ref found = call_method(text.get(), str("rfind").get(), {newline.get()});
-            Ref stop = Ref::steal(PyNumber_Add(found.get(), Ref::steal(PyLong_FromLong(1)).get()));
+            Ref found = call_method(text.get(), cx.name(Name::rfind), cx.text(Text::newline));
+            Ref one = Ref::steal(PyLong_FromLong(1));
+            Ref stop = Ref::steal(PyNumber_Add(found.get(), one.get()));
             Ref cut = Ref::steal(PySlice_New(nullptr, stop.get(), nullptr));
             text = Ref::steal(PyObject_GetItem(text.get(), cut.get()));
         }
     }
     Ref pattern = cx.global(Name::_VERSION_RE);
-    Ref match = call_method(pattern.get(), cx.name(Name::search), {text.get()});
+    Ref match = call_method(pattern.get(), cx.name(Name::search), text.get());
     if (match.get() == Py_None) return match;
     Ref one = Ref::steal(PyLong_FromLong(1));
-    return call_method(match.get(), cx.name(Name::group), {one.get()});
+    return call_method(match.get(), cx.name(Name::group), one.get());
 }
 
 // --- version_tuple -------------------------------------------------------------------
@@ -202,7 +203,7 @@ Ref version_tuple(const Context& cx, PyObject* const* args) {
         // Anything else, str subclasses included (their `split` may come from the class or
         // the instance): split as it splits itself, and match digits as the host's pattern
         // matching would, which takes text pieces only.
-        Ref pieces = call_method(v, cx.name(Name::split), {cx.state().text_dot});
+        Ref pieces = call_method(v, cx.name(Name::split), cx.text(Text::dot));
         Ref it = iterate(pieces.get());
         while (Ref piece = next(it.get())) {
             if (!PyUnicode_Check(piece.get())) {
@@ -230,50 +231,27 @@ Ref version_tuple(const Context& cx, PyObject* const* args) {
 Ref inside_root(const Context& cx, PyObject* const* args) {
     PyObject* root = args[0];
     PyObject* path = args[1];
-    Ref real = call_method(path, cx.name(Name::resolve), {args[2]}, cx.state().kw_strict);
-    Ref inside = call_method(real.get(), cx.name(Name::is_relative_to), {root});
+    Ref real = call_method_kw(path, cx.name(Name::resolve), cx.held(Held::kw_strict), args[2]);
+    Ref inside = call_method(real.get(), cx.name(Name::is_relative_to), root);
     if (truthy(inside.get())) return real;
     return Ref::borrow(Py_None);
 }
 
 // --- the scan of one directory ------------------------------------------------------
 
-enum class Failure { absent, unreadable };
-
-// Which kind of file-system failure the error being raised is; others propagate.
-Failure classify(CaughtError& error) {
-    if (error.matches(PyExc_FileNotFoundError) || error.matches(PyExc_NotADirectoryError)) return Failure::absent;
-    if (error.matches(PyExc_OSError) || error.matches(PyExc_RuntimeError)) return Failure::unreadable;
-    error.restore();
-}
-
-// Calls `_say_unreadable(what)` while the caught error is the one being handled, as an
-// `except` block would.
-void report_unreadable(const Context& cx, CaughtError& error, PyObject* what) {
-    Handling handling(error.value());
-    Ref say = cx.global(Name::_say_unreadable);
-    call(say.get(), {what});
-}
-
 Ref all_absent(const Context& cx) {
     Ref names = cx.global(Name::SKILL_NAMES);
-    Ref fromkeys = str("fromkeys");
     return Ref::steal(
-        PyObject_CallMethodOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), fromkeys.get(), names.get()));
+        PyObject_CallMethodOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), cx.name(Name::fromkeys), names.get()));
 }
 
 Ref stamps_in(const Context& cx, PyObject* const* args) {
     PyObject* directory = args[0];
     Ref root;
     try {
-        root = call_method(directory, cx.name(Name::resolve), {Py_True}, cx.state().kw_strict);
+        root = call_method_kw(directory, cx.name(Name::resolve), cx.held(Held::kw_strict), Py_True);
     } catch (const PythonError&) {
-        CaughtError error = cx.catch_error();
-        const Failure failure = classify(error);
-        // The answer is built inside the `except` too: an error there chains to this one.
-        Handling handling(error.value());
-        if (failure == Failure::unreadable) call(cx.global(Name::_say_unreadable).get(), {directory});
-        return all_absent(cx);
+        return except_unreadable(cx, directory, [&] { return all_absent(cx); });
     }
     Ref stamps = Ref::steal(PyDict_New());
     Ref names = cx.global(Name::SKILL_NAMES);
@@ -291,19 +269,64 @@ Ref stamp_inside(const Context& cx, PyObject* const* args) {
     Ref skill_dir = Ref::steal(PyNumber_TrueDivide(root, skill));
     Ref path = Ref::steal(PyNumber_TrueDivide(skill_dir.get(), cx.global(Name::SKILL_FILE).get()));
     try {
-        Ref real = call(cx.global(Name::inside_root).get(), {root, path.get(), Py_True}, cx.state().kw_strict);
+        Ref real = call(cx.global(Name::inside_root).get(), {root, path.get(), Py_True}, cx.held(Held::kw_strict));
         if (real.get() == Py_None) return real;
         if (!truthy(call_method(real.get(), cx.name(Name::is_file)).get())) return Ref::borrow(Py_None);
         return call(cx.global(Name::read_stamp).get(), {real.get()});
     } catch (const PythonError&) {
-        CaughtError error = cx.catch_error();
-        if (classify(error) == Failure::unreadable) report_unreadable(cx, error, path.get());
-        return Ref::borrow(Py_None);
+        return except_unreadable(cx, path.get(), [] { return Ref::borrow(Py_None); });
     }
 }
 
+// Whether `obj.<name>` is the method `original` bound to `obj`, found without running any
+// code of the host's (a type with its own attribute lookup never qualifies).
+bool bound_original(PyObject* obj, PyObject* name, PyObject* original) {
+    if (Py_TYPE(obj)->tp_getattro != PyObject_GenericGetAttr) return false;
+    Ref bound = Ref::steal_or_null(PyObject_GetAttr(obj, name));
+    if (!bound) PyErr_Clear();
+    return bound && PyMethod_Check(bound.get()) && PyMethod_GET_FUNCTION(bound.get()) == original &&
+           PyMethod_GET_SELF(bound.get()) == obj;
+}
+
+// `logger.warning(message, key, exc_info=True)`. When that is the host's own
+// Logger.warning, the record is made as it makes one, through the logger's own
+// isEnabledFor, makeRecord and handle, but with the caller a Python module's record would
+// name: this function, in the module's file (there is no Python frame to find).
+void warn_unreadable(const Context& cx, PyObject* logger, PyObject* key) {
+    PyObject* logging = cx.held(Held::logging_globals);
+    PyObject* currentframe = PyDict_GetItemWithError(logging, cx.name(Name::currentframe));
+    if (currentframe == nullptr && PyErr_Occurred()) raise();
+    PyObject* srcfile = PyDict_GetItemWithError(logging, cx.name(Name::_srcfile));
+    if (srcfile == nullptr && PyErr_Occurred()) raise();
+    if (srcfile == nullptr || currentframe != cx.held(Held::logging_currentframe) ||
+        !bound_original(logger, cx.name(Name::warning), cx.held(Held::logger_warning)) ||
+        !bound_original(logger, cx.name(Name::_log), cx.held(Held::logger_log)) ||
+        !bound_original(logger, cx.name(Name::findCaller), cx.held(Held::logger_find_caller))) {
+        call_method_kw(logger, cx.name(Name::warning), cx.held(Held::kw_exc_info), cx.text(Text::unreadable_message),
+                       key, Py_True);
+        return;
+    }
+    Ref level = Ref::steal(PyLong_FromLong(30));  // logging.WARNING
+    if (!truthy(call_method(logger, cx.name(Name::isEnabledFor), level.get()).get())) return;
+    const bool located = truthy(srcfile);
+    PyObject* filename = located ? cx.held(Held::file) : cx.text(Text::unknown_file);
+    PyObject* function = located ? cx.text(Text::say_unreadable_name) : cx.text(Text::unknown_function);
+    Ref lineno = Ref::steal(PyLong_FromLong(0));
+    // sys.exc_info(): the exception being handled, wherever it is handled.
+    Ref exc_info = Ref::steal(PyTuple_Pack(3, Py_None, Py_None, Py_None));
+    if (Ref handled = Ref::steal_or_null(PyErr_GetHandledException())) {
+        Ref tb = Ref::steal_or_null(PyException_GetTraceback(handled.get()));
+        exc_info = Ref::steal(PyTuple_Pack(3, Py_TYPE(handled.get()), handled.get(), tb ? tb.get() : Py_None));
+    }
+    Ref record_args = Ref::steal(PyTuple_Pack(1, key));
+    Ref name = getattr(logger, cx.name(Name::name));
+    Ref record = call_method(logger, cx.name(Name::makeRecord), name.get(), level.get(), filename, lineno.get(),
+                             cx.text(Text::unreadable_message), record_args.get(), exc_info.get(), function, Py_None,
+                             Py_None);
+    call_method(logger, cx.name(Name::handle), record.get());
+}
+
 Ref say_unreadable(const Context& cx, PyObject* const* args) {
-    const State& st = cx.state();
     Ref key = Ref::steal(PyObject_Str(args[0]));
     Ref unreadable = cx.global(Name::_UNREADABLE);
     // Test and insert back to back: two threads meeting one path log it once.
@@ -311,10 +334,9 @@ Ref say_unreadable(const Context& cx, PyObject* const* args) {
     if (PySet_CheckExact(unreadable.get())) {
         check(PySet_Add(unreadable.get(), key.get()));
     } else {
-        call_method(unreadable.get(), cx.name(Name::add), {key.get()});
+        call_method(unreadable.get(), cx.name(Name::add), key.get());
     }
-    Ref logger = cx.global(Name::logger);
-    call_method(logger.get(), cx.name(Name::warning), {st.text_unreadable_message, key.get(), Py_True}, st.kw_exc_info);
+    warn_unreadable(cx, cx.global(Name::logger).get(), key.get());
     return Ref::borrow(Py_None);
 }
 

@@ -391,3 +391,59 @@ def test_module_instances_come_and_go_cleanly_in_re_imports_and_sub_interpreters
     )
     # A module, its functions and types left behind per cycle would be hundreds of blocks each.
     assert growth < 1000
+
+
+# --- crashes, each in a child process so that a regression fails one test ----------------
+
+# Each script prints the name of the error it ends in instead of crashing.
+CRASHES = {
+    # A default the call bound must outlive the host replacing it while the body runs.
+    "default replaced during the call": """
+        class Strict:
+            def __bool__(self): return True
+        m.inside_root.__kwdefaults__ = {"strict": Strict()}
+        armed = False
+        class Sly(type(pathlib.Path())):
+            def __getattribute__(self, name):
+                global armed
+                if armed:
+                    armed = False
+                    del m.inside_root.__kwdefaults__["strict"]
+                    junk = [bytearray(b"x" * 48) for _ in range(1000)]  # reuses freed memory
+                return super().__getattribute__(name)
+        path = Sly("/nonexistent")
+        armed = True
+        try:
+            m.inside_root("/", path)
+        except FileNotFoundError:
+            print("FileNotFoundError")
+    """,
+    # Recursion through the module on small thread stacks ends in RecursionError.
+    **{
+        f"recursion on a {size // 1024} KiB stack": f"""
+        m._score = lambda selection, roots: m.resolve_skill_dirs(["claude"])
+        threading.stack_size({size})
+        errors = []
+        def recurse():
+            try:
+                m.resolve_skill_dirs(["claude"])
+            except RecursionError as e:
+                errors.append(type(e).__name__)
+        worker = threading.Thread(target=recurse)
+        worker.start()
+        worker.join()
+        print(*errors)
+    """
+        for size in (64 * 1024, 512 * 1024)
+    },
+}
+
+
+@pytest.mark.parametrize("script", CRASHES.values(), ids=CRASHES)
+def test_no_crash(script):
+    prelude = "import pathlib, threading\nfrom zobek_lumeno.utils import agent_skills as m\n"
+    done = subprocess.run(
+        [sys.executable, "-c", prelude + textwrap.dedent(script)], capture_output=True, text=True, timeout=120
+    )
+    expected = "RecursionError" if "recurse" in script else "FileNotFoundError"
+    assert (done.returncode, done.stdout.strip()) == (0, expected), done.stderr

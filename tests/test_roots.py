@@ -1,6 +1,7 @@
 """The agent table, its record type and the three queries over it."""
 
 import operator
+import re
 import types
 import typing
 from unittest import mock
@@ -110,8 +111,24 @@ def test_query_results_are_new_and_share_the_records_tuples():
     assert m.read_roots(result) is not m.read_roots(result)
 
 
-# A mapping proxy keeps the queries off any dict-only shortcut.
-@pytest.mark.parametrize("wrap", [dict, types.MappingProxyType], ids=["dict", "mapping proxy"])
+class Minimal:
+    """A table offering only what a Python source's queries use of it: `in`, indexing and items()."""
+
+    def __init__(self, table):
+        self.table = table
+
+    def __contains__(self, key):
+        return key in self.table
+
+    def __getitem__(self, key):
+        return self.table[key]
+
+    def items(self):
+        return self.table.items()
+
+
+# Other mappings keep the queries off any dict-only shortcut.
+@pytest.mark.parametrize("wrap", [dict, types.MappingProxyType, Minimal], ids=["dict", "proxy", "minimal"])
 def test_queries_read_the_table_bound_now(monkeypatch, wrap):
     table = {
         "zed": m.SkillRoots((), ("z",)),
@@ -130,3 +147,23 @@ def test_queries_read_the_table_bound_now(monkeypatch, wrap):
         with pytest.raises(NameError, match=r"^name 'AGENT_SKILL_ROOTS' is not defined$") as caught:
             query()
         assert caught.value.name == "AGENT_SKILL_ROOTS"
+
+
+class Listed(Minimal):
+    """Says it holds every key; indexing answers from the table, so a wrong record shows."""
+
+    def __contains__(self, key):
+        return True
+
+
+@pytest.mark.parametrize(
+    "record, error",
+    [(None, "'NoneType' object has no attribute 'user'"), ((), "'tuple' object has no attribute 'user'")],
+)
+def test_a_listed_agent_is_indexed_and_its_record_read(monkeypatch, record, error):
+    monkeypatch.setattr(m, "AGENT_SKILL_ROOTS", Listed({"odd": record}))
+    with pytest.raises(AttributeError, match=f"^{re.escape(error)}$"):
+        m.agent_roots(["odd"], "user")
+    with pytest.raises(KeyError) as caught:  # listed, but indexing fails: that failure is the answer
+        m.agent_roots(["claude"], "user")
+    assert caught.value.args == ("claude",)

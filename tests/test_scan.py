@@ -1,6 +1,7 @@
 import logging
 import os
 import pathlib
+import sys
 
 import pytest
 
@@ -125,14 +126,98 @@ def test_scan_failures(base, caplog, monkeypatch, error, warns, method, rel, val
     assert all(r.exc_info[1] is error for r in caplog.records)
 
 
-def test_say_unreadable_uses_the_bound_logger_and_set(caplog, monkeypatch):
-    monkeypatch.setattr(m, "logger", logging.getLogger("elsewhere"))
+class Told(logging.Logger):
+    def warning(self, *args, **kwargs):
+        super().warning(*args, **kwargs)
+
+
+def told():
+    logging.setLoggerClass(Told)
+    try:
+        return logging.getLogger("told")
+    finally:
+        logging.setLoggerClass(logging.Logger)
+
+
+def warn_once():
     try:
         raise PermissionError(13, "denied")
     except OSError:
         assert m._say_unreadable("the home directory") is None
-    assert logged(caplog) == [("elsewhere", logging.WARNING, MSG, ("the home directory",), PermissionError)]
-    assert {"the home directory"} == m._UNREADABLE
+
+
+@pytest.mark.parametrize(
+    "logger, origin",
+    [
+        (logging.getLogger("elsewhere"), ("_say_unreadable", m.__file__)),  # as a Python source would log
+        (told(), ("warning", __file__)),  # its own warning runs, and is the caller found
+    ],
+)
+def test_logger_and_origin(monkeypatch, logger, origin):
+    monkeypatch.setattr(m, "logger", logger)
+    made, records = [], []
+    monkeypatch.setattr(logging, "_logRecordFactory", lambda *a: made.append(a) or logging.LogRecord(*a))
+    monkeypatch.setattr(logger, "handlers", [handler := logging.Handler()])
+    monkeypatch.setattr(handler, "emit", records.append)
+    monkeypatch.setattr(logger, "propagate", False)
+    monkeypatch.setattr(logger, "level", logger.level)
+    logger.setLevel(logging.ERROR)  # isEnabledFor decides: nothing is made
+    warn_once()
+    logger.setLevel(logging.WARNING)
+    monkeypatch.setattr(m, "_UNREADABLE", set())
+    warn_once()
+    [record] = records
+    assert len(made) == 1 and {"the home directory"} == m._UNREADABLE
+    assert (record.name, record.levelno, record.msg, record.args) == (logger.name, 30, MSG, ("the home directory",))
+    assert (record.exc_info[0], record.funcName, record.pathname) == (PermissionError, *origin)
+
+
+def consumer_sees(call):
+    """Runs `call` in a generator that its consumer advances inside an except block, and reports what
+    the generator then sees of the exception state."""
+
+    def steps():
+        yield call()
+        yield sys.exc_info()
+        raise ValueError("later")
+
+    generator = steps()
+    try:
+        raise KeyError("the consumer's")
+    except KeyError:
+        next(generator)
+    seen = next(generator)
+    with pytest.raises(ValueError) as later:
+        next(generator)
+    return seen, later.value.__context__
+
+
+class Suppressing:
+    def open(self, mode):
+        return self
+
+    def __enter__(self):
+        return self
+
+    def read(self, size):
+        raise OSError("suppressed")
+
+    def __exit__(self, *exc):
+        return True
+
+
+HANDLING = {
+    "missing directory": lambda base: m._stamps_in(base / "nowhere"),
+    "unreadable file": lambda base: m._stamps_in(base / "loop"),
+    "suppressing __exit__": lambda base: pytest.raises(UnboundLocalError, m.read_stamp, Suppressing()),
+    "unknown home": lambda base: m.installed_skill_versions(None),
+}
+
+
+@pytest.mark.parametrize("call", HANDLING.values(), ids=HANDLING)
+def test_handled_errors_leave_the_callers_exception_state(base, monkeypatch, call):
+    monkeypatch.setattr(pathlib.Path, "home", classmethod(lambda cls: (_ for _ in ()).throw(RuntimeError())))
+    assert consumer_sees(lambda: call(base)) == ((None, None, None), None)
 
 
 def test_scan_late_binding(base, monkeypatch):

@@ -179,10 +179,23 @@ def test_import_afresh_after_failing_and_under_another_name(tmp_path):
         saved, sys.modules["itertools"] = sys.modules["itertools"], None
         blocked = attempt()
         sys.modules["itertools"] = saved
+        # The import statements go through the builtins' __import__, which may fail the last one.
+        import builtins
+        calls, real_import = [], builtins.__import__
+        def tracer(name, globals=None, locals=None, fromlist=(), level=0):
+            if globals is not None and globals.get("__name__") == {MODULE!r}:
+                calls.append([name, globals is locals, fromlist, level])
+                if len(calls) == 7:
+                    raise ImportError("refused")
+            return real_import(name, globals, locals, fromlist, level)
+        builtins.__import__ = tracer
+        refused = attempt()
         m = importlib.import_module({MODULE!r})
+        builtins.__import__ = real_import
         import agent_skills as top
         print(json.dumps(dict(
-            no_version=no_version, blocked=blocked, names=list(vars(m)), unreadable=repr(m._UNREADABLE),
+            no_version=no_version, blocked=blocked, refused=refused, calls=calls,
+            names=list(vars(m)), unreadable=repr(m._UNREADABLE),
             state=[m.__version__, m.skill_capable_agents(), sys.modules[{MODULE!r}] is m, m.__file__],
             top=[top.__name__, top.__package__, top.logger.name, top.read_roots.__module__, top is m],
         )))
@@ -195,6 +208,10 @@ def test_import_afresh_after_failing_and_under_another_name(tmp_path):
     assert report["no_version"] == ["ImportError", message, "zobek_lumeno", init, False]
     halted = "import of itertools halted; None in sys.modules"
     assert report["blocked"] == ["ModuleNotFoundError", halted, "itertools", None, False]
+    assert report["refused"] == ["ImportError", "refused", None, None, False]
+    imports = [["itertools", None], ["logging", None], ["re", None], ["collections.abc", ["Iterable"]]]
+    imports += [["pathlib", ["Path"]], ["typing", ["NamedTuple"]], ["zobek_lumeno", ["__version__"]]]
+    assert report["calls"] == [[name, True, names, 0] for name, names in imports] * 2
     standard = {"__name__", "__loader__", "__spec__", "__file__", "__cached__", "__builtins__"}
     assert [name for name in report["names"] if name not in standard] == BINDING_ORDER
     assert report["unreadable"] == "set()"
