@@ -7,6 +7,7 @@ from __future__ import annotations
 
 import json
 import logging
+import stat
 import sys
 from pathlib import Path
 from typing import NamedTuple
@@ -64,13 +65,17 @@ def state(record: agent_skills.InstalledSkill, unreadable: set[str]) -> str:
         return "newer" if newer else "current"
     if _logged(record, unreadable):
         return "unreadable"
+    # The survey logs a path once a process; its errors are told apart the same way here, so a second
+    # survey in one process agrees with the first. The file is looked at, never read.
     try:
-        # A file the survey did not take a stamp from: none in its head, or reached through a link
-        # out of the skills directory (looked at, not read).
-        there = (record.directory / record.skill / agent_skills.SKILL_FILE).is_file()
-    except OSError:
+        mode = (record.directory / record.skill / agent_skills.SKILL_FILE).stat().st_mode
+    except (FileNotFoundError, NotADirectoryError):
+        return "missing"
+    except OSError:  # a loop of links, a directory that may not be searched
         return "unreadable"
-    return "unstamped" if there else "missing"
+    # A file the survey took no stamp from: none in its head, or reached through a link out of the
+    # skills directory.
+    return "unstamped" if stat.S_ISREG(mode) else "missing"
 
 
 def _logged(record: agent_skills.InstalledSkill, unreadable: set[str]) -> bool:

@@ -121,9 +121,9 @@ def _skill_dir(root: Path, skill: str, *, create: bool) -> Path:
         )
     if real.exists() and not real.is_dir():
         raise Refused("a file stands where the skill's directory belongs; it is left as it is")
-    # Another skill's directory reached through a link would have its files overwritten.
+    # Through a link to another skill's directory, this skill would overwrite that one's files.
     for other in agent_skills.SKILL_NAMES:
-        if other != skill and agent_skills.inside_root(root, root / other, strict=False) == real:
+        if real != root / skill and agent_skills.inside_root(root, root / other, strict=False) == real:
             raise Refused(f"it is a link to the directory of the skill {other!r}; nothing written")
     if create:
         real.mkdir(parents=True, exist_ok=True)
