@@ -95,6 +95,9 @@ def arrange(kind, skills, outside):
         (lumeno / "SKILL.md").symlink_to(outside / "SKILL.md" if kind.startswith("out") else "../notes.md")
     elif kind == "link to a skill":
         (skills / "lumeno-map").symlink_to("lumeno")
+    elif kind == "link inside":
+        (skills / "store").mkdir()
+        lumeno.symlink_to("store")
     elif kind in ("file", "unstamped"):
         write(lumeno if kind == "file" else lumeno / "SKILL.md", "mine\n")
     elif kind == "newer":
@@ -109,6 +112,7 @@ def arrange(kind, skills, outside):
         # The link is replaced by a file of the skill's own; the file it pointed to is left as it was.
         ("in SKILL.md link", [], "written written written", ""),
         ("link to a skill", [], "written refused written", "a link to the directory of the skill 'lumeno'"),
+        ("link inside", [], "written written written", ""),
         ("file", [], "refused written written", "a file stands where the skill's directory belongs"),
         ("newer", [], "refused written written", "stamped 9.0, newer than this package's"),
         ("newer", ["--force"], "written written written", ""),
@@ -131,7 +135,7 @@ def test_install_refusals(repo, capsys, kind, args, actions, error):
     # Files change only in the skills written (directories may be made); a dry run changes nothing.
     after = snapshot(repo.parent)
     changed = {p for p in before.keys() | after.keys() if before.get(p) != after.get(p) is not True}
-    assert all(any(p.is_relative_to(w) for w in written) for p in changed)
+    assert all(any(p.is_relative_to(w.resolve()) for w in written) for p in changed)
     assert "--dry-run" not in args or after == before
     for skill_dir in written:
         assert not (skill_dir / "SKILL.md").is_symlink() and stamp_of(skill_dir / "SKILL.md") == __version__

@@ -123,7 +123,8 @@ def _skill_dir(root: Path, skill: str, *, create: bool) -> Path:
         raise Refused("a file stands where the skill's directory belongs; it is left as it is")
     # Through a link to another skill's directory, this skill would overwrite that one's files.
     for other in agent_skills.SKILL_NAMES:
-        if real != root / skill and agent_skills.inside_root(root, root / other, strict=False) == real:
+        linked = other != skill and real != root / skill
+        if linked and agent_skills.inside_root(root, root / other, strict=False) == real:
             raise Refused(f"it is a link to the directory of the skill {other!r}; nothing written")
     if create:
         real.mkdir(parents=True, exist_ok=True)
