@@ -1,59 +1,240 @@
+import errno
+import functools
 import json
 import os
+import re
 import subprocess
 import sys
+import sysconfig
+from pathlib import Path
 
 import pytest
 
+from zobek_lumeno import __version__
+from zobek_lumeno.cli import main
 
-def stamp(tree, rel, version):
-    (tree / rel).parent.mkdir(parents=True, exist_ok=True)
-    (tree / rel).write_text(f"---\nversion: {version}\n---\n")
-
-
-def run(home, *args):
-    # The repository is the working directory, inside the home as it usually is.
-    (home / "app").mkdir(exist_ok=True)
-    command = [sys.executable, "-m", "zobek_lumeno", *args]
-    env = {**os.environ, "HOME": str(home)}
-    return subprocess.run(command, cwd=home / "app", env=env, capture_output=True, text=True, timeout=60)
+NAMES = ("lumeno", "lumeno-map", "lumeno-wiki")
+# Read with a pattern of the tests' own, not with the module's reader.
+STAMP = re.compile(r"^version: (\S+)$", re.MULTILINE)
 
 
-def test_status_table_and_update_commands(tmp_path):
-    home, repo = tmp_path, tmp_path / "app"
-    stamp(home, ".claude/skills/lumeno/SKILL.md", "1.4.0")
-    stamp(home, ".claude/skills/lumeno-map/SKILL.md", "1.5.0")
-    for skill in ("lumeno", "lumeno-map"):
-        stamp(repo, f".windsurf/skills/{skill}/SKILL.md", "1.3")
-    done = run(home, "status")
-    assert done.returncode == 0 and done.stderr == ""
-    lines = done.stdout.splitlines()
-    # A directory under the home is shortened, and named once for all of its skills.
-    assert [line.split() for line in lines[3:27] if not line.endswith("missing")] == [
-        ["user", "~/.claude/skills", "lumeno", "1.4.0", "1.5.0", "STALE"],
-        ["lumeno-map", "1.5.0", "1.5.0", "current"],
-        ["project", "~/app/.windsurf/skills", "lumeno", "1.3", "1.5.0", "STALE"],
-        ["lumeno-map", "1.3", "1.5.0", "STALE"],
-    ]
-    assert lines[27:] == [
-        "",
-        "3 stale copies; to update them run:",
+def write(path, text):
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.write_text(text)
+
+
+def stamp(skill_dir, version):
+    write(skill_dir / "SKILL.md", f"---\nname: {skill_dir.name}\nversion: {version}\n---\n")
+
+
+def stamp_of(path):
+    found = STAMP.search(path.read_text())
+    return found and found[1]
+
+
+def snapshot(top):
+    return {p: os.readlink(p) if p.is_symlink() else p.is_dir() or p.read_bytes() for p in top.rglob("*")}
+
+
+@pytest.fixture
+def repo(tmp_path, monkeypatch):
+    """A repository "my app" under tmp_path, the working directory, beside the home directory."""
+    (tmp_path / "my app/.git").mkdir(parents=True)
+    (tmp_path / "home").mkdir()
+    monkeypatch.setenv("HOME", str(tmp_path / "home"))
+    monkeypatch.chdir(tmp_path / "my app")
+    return tmp_path / "my app"
+
+
+def test_round_trip_through_the_console_script(tmp_path):
+    home, repo = tmp_path / "home", tmp_path / "my app"
+    write(repo / ".git", "gitdir: elsewhere\n")  # a worktree's
+    (repo / "src").mkdir()
+    stale = [home / ".claude/skills", home / ".codeium/windsurf/skills", repo / ".github/skills"]
+    for skill_dir, version in zip([s / "lumeno" for s in stale], ["1.4.0", "1.0", "0.9"], strict=True):
+        stamp(skill_dir, version)
+    stamp(repo / ".windsurf/skills/lumeno", __version__)
+    stamp(repo / ".windsurf/skills/lumeno-map", "1.3")
+    stale.append(repo / ".windsurf/skills")
+    path = f"{sysconfig.get_path('scripts')}{os.pathsep}{os.environ['PATH']}"
+    env = {**os.environ, "HOME": str(home), "PATH": path}
+    shell = functools.partial(
+        subprocess.run, shell=True, env=env, capture_output=True, text=True, timeout=120
+    )
+
+    # From a subdirectory: the repository is found by its .git.
+    before = shell("zobek-lumeno status --check", cwd=repo / "src")
+    assert before.returncode == 1 and before.stderr == ""
+    assert f"under the repository {repo} (the nearest directory holding .git)" in before.stdout
+    lines = before.stdout.split("4 stale copies; to update them run:\n")[1].splitlines()
+    assert lines == [
         "  zobek-lumeno skill install --scope user",
-        f"  zobek-lumeno --repo-root {repo} skill install --scope project --agent windsurf",
+        "  zobek-lumeno skill install --scope user --agent windsurf",
+        f'  zobek-lumeno --repo-root "{repo}" skill install --scope project --agent copilot',
+        f'  zobek-lumeno --repo-root "{repo}" skill install --scope project --agent windsurf',
+    ]
+    for line in lines:
+        done = shell(line, cwd=tmp_path)
+        assert (done.returncode, done.stderr) == (0, "") and " written" in done.stdout.splitlines()[-1]
+    after = shell("zobek-lumeno status --check --json", cwd=repo)
+    assert after.returncode == 0
+    assert {stamp_of(d / s / "SKILL.md") for d in stale for s in NAMES} == {__version__}
+    assert {r["state"] for r in json.loads(after.stdout) if Path(r["directory"]) in stale} == {"current"}
+    assert not (home / ".cursor").exists() and not (repo / ".claude").exists()
+    assert "Nothing to do: all 3 skill copies are already those" in shell(lines[0], cwd=repo).stdout
+
+
+def arrange(kind, skills, outside):
+    lumeno = skills / "lumeno"
+    if kind == "link out":
+        lumeno.symlink_to(outside, target_is_directory=True)
+    elif kind.endswith("SKILL.md link"):
+        # Out of the skills directory, or to a file inside it that is not the skill's.
+        write(skills / "notes.md", "version: 1.4.0\n")
+        lumeno.mkdir()
+        (lumeno / "SKILL.md").symlink_to(outside / "SKILL.md" if kind.startswith("out") else "../notes.md")
+    elif kind == "link to a skill":
+        (skills / "lumeno-map").symlink_to("lumeno")
+    elif kind == "link inside":
+        (skills / "store").mkdir()
+        lumeno.symlink_to("store")
+    elif kind in ("file", "unstamped"):
+        write(lumeno if kind == "file" else lumeno / "SKILL.md", "mine\n")
+    elif kind == "newer":
+        stamp(lumeno, "9.0")
+
+
+@pytest.mark.parametrize(
+    "kind, args, actions, error",
+    [
+        ("link out", [], "refused written written", "a link leads out of the skills directory"),
+        ("out SKILL.md link", [], "refused written written", "its SKILL.md is a link out of the skills"),
+        # The link is replaced by a file of the skill's own; the file it pointed to is left as it was.
+        ("in SKILL.md link", [], "written written written", ""),
+        ("link to a skill", [], "written refused written", "a link to the directory of the skill 'lumeno'"),
+        ("link inside", [], "written written written", ""),
+        ("file", [], "refused written written", "a file stands where the skill's directory belongs"),
+        ("newer", [], "refused written written", "stamped 9.0, newer than this package's"),
+        ("newer", ["--force"], "written written written", ""),
+        ("unstamped", [], "refused written written", "its SKILL.md has no version stamp"),
+        ("unstamped", ["--force"], "written written written", ""),
+        ("none", ["--dry-run", "--agent", "windsurf"], "would would would", ""),
+    ],
+)
+def test_install_refusals(repo, capsys, kind, args, actions, error):
+    skills, outside = repo / ".claude/skills", repo.parent / "outside"
+    skills.mkdir(parents=True)
+    write(outside / "SKILL.md", "version: 0.1\n")
+    arrange(kind, skills, outside)
+    before = snapshot(repo.parent)
+    assert main(["skill", "install", *args]) == ("refused" in actions)
+    out, err = capsys.readouterr()
+    assert [line.split()[0] for line in out.splitlines()[:-1]] == actions.split()
+    assert error in err and len(err.splitlines()) == actions.count("refused")
+    written = [skills / n for n, action in zip(NAMES, actions.split(), strict=True) if action == "written"]
+    # Files change only in the skills written (directories may be made); a dry run changes nothing.
+    after = snapshot(repo.parent)
+    changed = {p for p in before.keys() | after.keys() if before.get(p) != after.get(p) is not True}
+    assert all(any(p.is_relative_to(w.resolve()) for w in written) for p in changed)
+    assert "--dry-run" not in args or after == before
+    for skill_dir in written:
+        assert not (skill_dir / "SKILL.md").is_symlink() and stamp_of(skill_dir / "SKILL.md") == __version__
+
+
+@pytest.mark.parametrize(
+    "call, error",
+    [
+        ("replace", OSError(errno.ENOSPC, os.strerror(errno.ENOSPC))),
+        ("replace", KeyboardInterrupt()),
+        # Tests run as root, whom permission bits do not stop: a read-only directory is simulated by the
+        # error that creating the temporary file there raises.
+        ("open", OSError(errno.EROFS, os.strerror(errno.EROFS))),
+    ],
+)
+def test_failed_write_leaves_the_old_file(repo, monkeypatch, capsys, call, error):
+    skills = repo / ".claude/skills"
+    stamp(skills / "lumeno", "1.4.0")
+    old = (skills / "lumeno/SKILL.md").read_bytes()
+    real = getattr(os, call)
+
+    def failing(path, *args, **kwargs):
+        if call == "replace" or args[0] & os.O_CREAT:
+            raise error
+        return real(path, *args, **kwargs)
+
+    monkeypatch.setattr(os, call, failing)
+    if isinstance(error, KeyboardInterrupt):
+        with pytest.raises(KeyboardInterrupt):
+            main(["skill", "install"])
+    else:
+        assert main(["skill", "install"]) == 1
+        errors = [f"zobek-lumeno: error: cannot write {skills / name}: {error.strerror}" for name in NAMES]
+        assert capsys.readouterr().err.splitlines() == errors
+    assert (skills / "lumeno/SKILL.md").read_bytes() == old
+    assert sorted(p.name for p in skills.rglob("*") if p.is_file()) == ["SKILL.md"]
+
+
+def test_status_states(repo, capsys):
+    home, project = repo.parent / "home", repo / ".cursor/skills"
+    user = home / ".claude/skills"
+    stamp(user / "lumeno", "1.4.0")
+    stamp(user / "lumeno-map", "9.0")
+    write(user / "lumeno-wiki/SKILL.md", "---\nname: lumeno-wiki\n---\n")
+    stamp(project / "lumeno", __version__)
+    # A loop of links: unreadable, whatever the permission bits.
+    (project / "lumeno-map").mkdir()
+    (project / "lumeno-map/SKILL.md").symlink_to("SKILL.md")
+    assert main(["status", "--check", "--json"]) == 1
+    out, err = capsys.readouterr()
+    assert "Cannot read" in err
+    records = json.loads(out)
+    assert ",".join(records[0]) == "skill,directory,installed,current,scope,update,stale,state"
+    states = [r["state"] for r in records if r["state"] != "missing"]
+    assert states == ["STALE", "newer", "unstamped", "current", "unreadable"]
+    # The survey warns about a path once a process; the state stays the same.
+    assert main(["status"]) == 0
+    out, err = capsys.readouterr()
+    lines = out.splitlines()
+    assert lines[1:3] == [
+        f"  user scope     under the home directory {home}",
+        f"  project scope  under the repository {repo} (the nearest directory holding .git)",
+    ]
+    assert [line.split()[-1] for line in lines[5:8]] == ["STALE", "newer", "unstamped"]
+    assert [line.split()[-1] for line in lines if "lumeno-map" in line][-3:-1] == ["unreadable", "missing"]
+    assert lines[-3:] == [
+        "1 stale copy; to update it run:",
+        "  zobek-lumeno skill install --scope user",
+        "1 cannot be read (see the warnings); status --check fails until they can.",
+    ]
+    # The repository is the home: a directory of both scopes is listed once for each.
+    assert main(["--repo-root", str(home), "status"]) == 0
+    lines = capsys.readouterr().out.splitlines()
+    assert "the two scopes overlap:" in lines[3]
+    assert [line.split()[:2] for line in lines if "~/.claude/skills" in line] == [
+        ["user", "~/.claude/skills"],
+        ["project", "~/.claude/skills"],
+    ]
+    assert lines[-3:] == [
+        "2 stale copies; to update them run:",
+        "  zobek-lumeno skill install --scope user",
+        f"  zobek-lumeno --repo-root {home} skill install --scope project",
     ]
 
 
-def test_status_of_another_repo_root(tmp_path):
-    other = tmp_path / "other"
-    stamp(other, ".github/skills/lumeno-wiki/SKILL.md", "1.5.0")
-    text = run(tmp_path, "status", "--repo-root", str(other)).stdout
-    assert text.endswith("\n\nNo stale copies (1 installed, 23 missing).\n")
-    records = json.loads(run(tmp_path, "status", "--json", "--repo-root", str(other)).stdout)
-    assert len(records) == 24 and records[0]["stale"] is False
-    assert list(records[0]) == ["skill", "directory", "installed", "current", "scope", "update", "stale"]
-    [wiki] = [r for r in records if r["installed"]]
-    assert wiki["directory"] == str(other / ".github/skills") and wiki["skill"] == "lumeno-wiki"
-    assert wiki["update"] == f"zobek-lumeno --repo-root {other} skill install --scope project --agent copilot"
+# Unbuffered, the first print meets the closed pipe; buffered, the flush at the end does.
+@pytest.mark.parametrize("check, code, unbuffered", [([], 0, "1"), (["--check"], 1, "")])
+def test_closed_pipe_is_no_failure(tmp_path, check, code, unbuffered):
+    stamp(tmp_path / ".claude/skills/lumeno", "1.0")
+    read, written = os.pipe()
+    os.close(read)
+    command = [sys.executable, "-m", "zobek_lumeno", "--repo-root", str(tmp_path), "status", *check]
+    env = {**os.environ, "HOME": str(tmp_path), "PYTHONUNBUFFERED": unbuffered}
+    done = subprocess.run(command, stdout=written, stderr=subprocess.PIPE, env=env, timeout=60)
+    os.close(written)
+    assert (done.returncode, done.stderr) == (code, b"")
+
+
+AGENTS = "claude, cursor-agent, windsurf, copilot"
 
 
 @pytest.mark.parametrize(
@@ -62,17 +243,33 @@ def test_status_of_another_repo_root(tmp_path):
         (["dirs"], ".claude/skills\n", ""),
         (["dirs", "cursor-agent", "copilot"], ".cursor/skills\n.github/skills\n", ""),
         (["dirs", "--scope", "user", "claude", "copilot"], ".claude/skills\n.copilot/skills\n", ""),
-        (["dirs", "claude", "Claude"], "", "dirs: error: unknown agent 'Claude' (known: claude, cursor"),
+        (
+            ["dirs", "claude", "Claude"],
+            "",
+            f"dirs: error: argument AGENT: unknown agent 'Claude' (known: {AGENTS})",
+        ),
         (["dirs", "--scope", "global"], "", "invalid choice"),
-        (["status", "--repo-root", "nowhere"], "", "status: error: --repo-root 'nowhere' is not a directory"),
-        (["status", "--repo-root", sys.executable], "", "is not a directory"),
-        ([], "", "required"),
+        (["skill", "install", "--agent", "nobody"], "", "install: error: argument --agent: unknown agent"),
+        (["skill"], "", "skill: error: the following arguments are required: ACTION"),
+        ([], "", "required: COMMAND"),
+        (
+            ["--repo-root", "", "status"],
+            "",
+            "zobek-lumeno: error: argument --repo-root: '' is not a directory",
+        ),
+        (["--repo-root", sys.executable, "status"], "", "is not a directory"),
+        (["status", "--repo-root", "nowhere"], "", "status: error: argument --repo-root: 'nowhere' is not a"),
+        (["--version"], f"zobek-lumeno {__version__}\n", ""),
     ],
 )
-def test_arguments(tmp_path, args, out, error):
-    done = run(tmp_path, *args)
-    assert (done.returncode, done.stdout) == (2 if error else 0, out)
+def test_arguments(repo, capsys, args, out, error):
+    assert main(args) == (2 if error else 0)
+    captured = capsys.readouterr()
     # A mistake is reported in one line, not with the usage block.
-    lines = done.stderr.splitlines()
-    assert len(lines) == bool(error) and all(line.startswith("python -m zobek_lumeno") for line in lines)
-    assert error in done.stderr
+    assert captured.out == out and len(captured.err.splitlines()) == bool(error) and error in captured.err
+    assert captured.err.startswith("zobek-lumeno") or not error
+
+
+def test_help_names_the_agents(capsys):
+    assert main(["dirs", "--help"]) == 0
+    assert f"one of {AGENTS}" in " ".join(capsys.readouterr().out.split())

@@ -1,0 +1,1 @@
+"""The host package's installer."""
