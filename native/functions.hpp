@@ -27,6 +27,11 @@ extern const FunctionDecl inside_root_function;
 extern const FunctionDecl stamps_in_function;
 extern const FunctionDecl stamp_inside_function;
 extern const FunctionDecl say_unreadable_function;
+// The stamp in the head of a SKILL.md, as read_stamp finds it: decoded, cut to whole lines
+// when the head is full, searched with the bound pattern.
+Ref stamp_of_head(const Context& cx, PyObject* head);
+// Every skill name mapped to None: a scan's answer for a directory that is not there.
+Ref all_absent(const Context& cx);
 
 // report.cpp
 extern const FunctionDecl installed_skill_versions_function;

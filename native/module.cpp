@@ -5,6 +5,7 @@
 #include <string>
 
 #include "functions.hpp"
+#include "scan.hpp"
 
 namespace agent_skills {
 
@@ -214,6 +215,7 @@ void capture_originals(PyObject* module, const Namespace& ns, State& st) {
     st[Held::logger_find_caller] = getattr(logger_class.get(), st[Name::findCaller]).release();
     st[Held::logging_globals] = Py_NewRef(PyModule_GetDict(logging.get()));
     st[Held::logging_currentframe] = getattr(logging.get(), st[Name::currentframe]).release();
+    capture_scan_originals(st, ns.dict());
 }
 
 void exec_module(PyObject* module) {

@@ -35,7 +35,8 @@ namespace agent_skills {
 #define AGENT_SKILLS_HELD(X)                                                                   \
     X(function_type) X(kw_strict) X(kw_exc_info) X(kw_parameter) X(kw_signature) X(file) X(own_score) X(own_combinations)      \
     X(logger_warning) X(logger_log) X(logger_find_caller) X(logging_globals)                   \
-    X(logging_currentframe)
+    X(logging_currentframe) X(path_type) X(own_stamp_inside) X(own_inside_root) X(own_read_stamp) \
+    X(scan_owners) X(scan_names) X(scan_originals)
 // clang-format on
 
 #define AGENT_SKILLS_ENUM(n, ...) n,

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "functions.hpp"
+#include "scan.hpp"
 
 namespace agent_skills {
 namespace {
@@ -86,6 +87,7 @@ Ref with_context(const Context& cx, PyObject* manager, Body body) {
 // --- read_stamp ----------------------------------------------------------------------
 
 Ref read_stamp(const Context& cx, PyObject* const* args) {
+    if (std::optional<Ref> native = native_read_stamp(cx, args[0])) return std::move(*native);
     Ref file = call_method(args[0], cx.name(Name::open), cx.text(Text::rb));
     Ref head = with_context(cx, file.get(), [&](PyObject* handle) {
         Ref size = cx.global(Name::STAMP_HEAD_BYTES);
@@ -96,33 +98,7 @@ Ref read_stamp(const Context& cx, PyObject* const* args) {
                         "cannot access local variable 'head' where it is not associated with a value");
         raise();
     }
-    Ref text = PyBytes_CheckExact(head.get())
-                   ? Ref::steal(
-                         PyUnicode_DecodeUTF8(PyBytes_AS_STRING(head.get()), PyBytes_GET_SIZE(head.get()), "replace"))
-                   : call_method(head.get(), cx.name(Name::decode), cx.text(Text::utf8), cx.text(Text::replace));
-    const Py_ssize_t length = PyObject_Size(head.get());
-    if (length < 0) raise();
-    Ref length_obj = Ref::steal(PyLong_FromSsize_t(length));
-    if (compare(length_obj.get(), cx.global(Name::STAMP_HEAD_BYTES).get(), Py_EQ)) {
-        // The head may have cut its last line: keep only whole lines.
-        if (PyUnicode_CheckExact(text.get())) {
-            const Py_ssize_t end = PyUnicode_GET_LENGTH(text.get());
-            const Py_ssize_t last = PyUnicode_FindChar(text.get(), '\n', 0, end, -1);
-            if (last == -2) raise();
-            text = Ref::steal(PyUnicode_Substring(text.get(), 0, last + 1));
-        } else {
-            Ref found = call_method(text.get(), cx.name(Name::rfind), cx.text(Text::newline));
-            Ref one = Ref::steal(PyLong_FromLong(1));
-            Ref stop = Ref::steal(PyNumber_Add(found.get(), one.get()));
-            Ref cut = Ref::steal(PySlice_New(nullptr, stop.get(), nullptr));
-            text = Ref::steal(PyObject_GetItem(text.get(), cut.get()));
-        }
-    }
-    Ref pattern = cx.global(Name::_VERSION_RE);
-    Ref match = call_method(pattern.get(), cx.name(Name::search), text.get());
-    if (match.get() == Py_None) return match;
-    Ref one = Ref::steal(PyLong_FromLong(1));
-    return call_method(match.get(), cx.name(Name::group), one.get());
+    return stamp_of_head(cx, head.get());
 }
 
 // --- version_tuple -------------------------------------------------------------------
@@ -239,14 +215,9 @@ Ref inside_root(const Context& cx, PyObject* const* args) {
 
 // --- the scan of one directory ------------------------------------------------------
 
-Ref all_absent(const Context& cx) {
-    Ref names = cx.global(Name::SKILL_NAMES);
-    return Ref::steal(
-        PyObject_CallMethodOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), cx.name(Name::fromkeys), names.get()));
-}
-
 Ref stamps_in(const Context& cx, PyObject* const* args) {
     PyObject* directory = args[0];
+    if (std::optional<Ref> native = native_stamps_in(cx, directory)) return std::move(*native);
     Ref root;
     try {
         root = call_method_kw(directory, cx.name(Name::resolve), cx.held(Held::kw_strict), Py_True);
@@ -341,6 +312,41 @@ Ref say_unreadable(const Context& cx, PyObject* const* args) {
 }
 
 }  // namespace
+
+Ref stamp_of_head(const Context& cx, PyObject* head) {
+    Ref text = PyBytes_CheckExact(head)
+                   ? Ref::steal(PyUnicode_DecodeUTF8(PyBytes_AS_STRING(head), PyBytes_GET_SIZE(head), "replace"))
+                   : call_method(head, cx.name(Name::decode), cx.text(Text::utf8), cx.text(Text::replace));
+    const Py_ssize_t length = PyObject_Size(head);
+    if (length < 0) raise();
+    Ref length_obj = Ref::steal(PyLong_FromSsize_t(length));
+    if (compare(length_obj.get(), cx.global(Name::STAMP_HEAD_BYTES).get(), Py_EQ)) {
+        // The head may have cut its last line: keep only whole lines.
+        if (PyUnicode_CheckExact(text.get())) {
+            const Py_ssize_t end = PyUnicode_GET_LENGTH(text.get());
+            const Py_ssize_t last = PyUnicode_FindChar(text.get(), '\n', 0, end, -1);
+            if (last == -2) raise();
+            text = Ref::steal(PyUnicode_Substring(text.get(), 0, last + 1));
+        } else {
+            Ref found = call_method(text.get(), cx.name(Name::rfind), cx.text(Text::newline));
+            Ref one = Ref::steal(PyLong_FromLong(1));
+            Ref stop = Ref::steal(PyNumber_Add(found.get(), one.get()));
+            Ref cut = Ref::steal(PySlice_New(nullptr, stop.get(), nullptr));
+            text = Ref::steal(PyObject_GetItem(text.get(), cut.get()));
+        }
+    }
+    Ref pattern = cx.global(Name::_VERSION_RE);
+    Ref match = call_method(pattern.get(), cx.name(Name::search), text.get());
+    if (match.get() == Py_None) return match;
+    Ref one = Ref::steal(PyLong_FromLong(1));
+    return call_method(match.get(), cx.name(Name::group), one.get());
+}
+
+Ref all_absent(const Context& cx) {
+    Ref names = cx.global(Name::SKILL_NAMES);
+    return Ref::steal(
+        PyObject_CallMethodOneArg(reinterpret_cast<PyObject*>(&PyDict_Type), cx.name(Name::fromkeys), names.get()));
+}
 
 const FunctionDecl read_stamp_function{
     "read_stamp",
