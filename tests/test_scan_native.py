@@ -10,6 +10,7 @@ import sys
 import threading
 
 import pytest
+from pyfakefs.fake_filesystem_unittest import Patcher
 
 from zobek_lumeno.utils import agent_skills as m
 
@@ -136,8 +137,7 @@ def test_a_patched_host_object_is_what_the_scan_calls(skills, monkeypatch, owner
 
 
 def test_under_a_fake_file_system_the_host_objects_answer(monkeypatch):
-    fake = pytest.importorskip("pyfakefs.fake_filesystem_unittest")
-    with fake.Patcher() as patcher:
+    with Patcher() as patcher:
         patcher.fs.create_file("/home/u/.claude/skills/lumeno/SKILL.md", contents="version: 1.2.3\n")
         patcher.fs.create_file("/repo/.windsurf/skills/lumeno-map/SKILL.md", contents="version: 0.1\n")
         patcher.fs.create_symlink("/repo/.github/skills/lumeno", "/home/u/.claude/skills/lumeno")  # out
@@ -167,9 +167,14 @@ def test_a_file_swapped_while_scanning_is_never_read_outside(skills, swap_in):
 
     swapper = threading.Thread(target=swap)
     swapper.start()
+    OPENED.clear()
+    RECORDING.set()
     try:
         seen = {m._stamps_in(skills)["lumeno"] for _ in range(3000)}
     finally:
+        RECORDING.clear()
         done.set()
         swapper.join()
     assert seen <= {"1.0", None} and "1.0" in seen
+    assert str(path) in {args[0] for args in OPENED}
+    assert [args for args in OPENED if not args[0].startswith(f"{skills}/")] == []
