@@ -167,8 +167,9 @@ def test_matches_reference(monkeypatch, patches):
 
 
 INTERRUPTED = """
-import sys
+import signal, sys
 from zobek_lumeno.utils import agent_skills as m
+signal.signal(signal.SIGINT, signal.default_int_handler)  # even when started with SIGINT ignored
 m.AGENT_SKILL_ROOTS = {f"a{i}": m.SkillRoots((f".r{i:03}",), ()) for i in range(int(sys.argv[1]))}
 m._EXHAUSTIVE_SEARCH_LIMIT = 1000
 print("ready", flush=True)
