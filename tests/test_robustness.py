@@ -342,6 +342,7 @@ def test_survey_opens_nothing_outside_the_resolved_skills_directories(tmp_path):
 # --- module instances ----------------------------------------------------------------
 
 
+@pytest.mark.installed
 def test_module_instances_come_and_go_cleanly_in_re_imports_and_sub_interpreters(tmp_path):
     growth = run_python(
         '''

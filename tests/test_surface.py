@@ -154,6 +154,7 @@ def test_docstrings(name, doc):
     assert getattr(obj, "fget", obj).__doc__ == obj.__doc__  # a property's text is its getter's
 
 
+@pytest.mark.installed
 def test_import_afresh_after_failing_and_under_another_name(tmp_path):
     # A host package without a version, whose utils reach the installed extension; and a
     # copy of the extension loaded outside any package. In a new interpreter, since other
