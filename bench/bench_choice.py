@@ -1,90 +1,31 @@
-"""Per-call cost of the directory-set search against the same search written in plain Python.
+"""Per-call cost of the directory-set search against the plain-Python module's.
 
 Run after installing the package: python bench/bench_choice.py
 """
 
 import gc
-import itertools
-import timeit
+import statistics
 
+from benchlib import interleaved, load_plain, ratios, spread
 from zobek_lumeno.utils import agent_skills as m
 
+plain = load_plain()
 ALL = ["claude", "cursor-agent", "windsurf", "copilot"]
-REPEATS = 7
+BATCHES = 15
 
 
-# The search as a plain Python module would write it, over the same table.
-def py_agent_roots(agent_keys, scope):
-    roots = {}
-    for key in dict.fromkeys(agent_keys):
-        entry = m.AGENT_SKILL_ROOTS.get(key)
-        if entry is None:
-            continue
-        dirs = entry.user if scope == "user" else entry.project
-        if dirs:
-            roots[key] = dirs
-    return roots
-
-
-def py_read_roots(roots):
-    return sorted({d for dirs in roots.values() for d in dirs})
-
-
-def py_score(selection, roots):
-    chosen = set(selection)
-    duplicates = native_rank = 0
-    for agent_dirs in roots.values():
-        hits = [i for i, d in enumerate(agent_dirs) if d in chosen]
-        if not hits:
-            return None
-        duplicates += len(hits) - 1
-        native_rank += hits[0]
-    return (duplicates, native_rank, len(selection), selection)
-
-
-def py_resolve_skill_dirs(agent_keys, scope="project"):
-    roots = py_agent_roots(agent_keys, scope)
-    if not roots:
-        return []
-    candidates = py_read_roots(roots)
-    if len(candidates) > m._EXHAUSTIVE_SEARCH_LIMIT:
-        greedy = []
-        for dirs in roots.values():
-            if not any(d in greedy for d in dirs):
-                greedy.append(dirs[0])
-        return sorted(set(greedy))
-    best = None
-    best_selection = []
-    for size in range(1, len(candidates) + 1):
-        for selection in itertools.combinations(candidates, size):
-            score = py_score(selection, roots)
-            if score is not None and (best is None or score < best):
-                best, best_selection = score, list(selection)
-    return sorted(best_selection)
-
-
-def per_call(*calls):
-    """Best per-call time of each call; repeats interleaved so drift hits all of them alike."""
-    timers = [timeit.Timer(lambda fn=fn, args=args: fn(*args)) for fn, args in calls]
-    numbers = [timer.autorange()[0] for timer in timers]
-    best = [float("inf")] * len(timers)
-    for _ in range(REPEATS):
-        for i, (timer, number) in enumerate(zip(timers, numbers, strict=True)):
-            best[i] = min(best[i], timer.timeit(number) / number)
-    return best
-
-
-def compare(title, keys):
-    native, plain = m.resolve_skill_dirs(keys), py_resolve_skill_dirs(keys)
-    assert native == plain, (native, plain)
-    t_native, t_plain = per_call((m.resolve_skill_dirs, (keys,)), (py_resolve_skill_dirs, (keys,)))
-    print(title)
-    print(
-        f"  native        {t_native * 1e6:12.3f} us/call   -> {native[:3]}{' ...' if len(native) > 3 else ''}"
+def compare(title, keys, number):
+    native, python = m.resolve_skill_dirs(keys), plain.resolve_skill_dirs(keys)
+    assert native == python, (native, python)
+    t_native, t_plain = interleaved(
+        [lambda: m.resolve_skill_dirs(keys), lambda: plain.resolve_skill_dirs(keys)], number, BATCHES
     )
-    print(f"  plain Python  {t_plain * 1e6:12.3f} us/call")
-    print(f"  ratio         {t_plain / t_native:12.1f}x")
-    return t_plain / t_native
+    ratio = ratios(t_plain, t_native)
+    print(f"{title} (us per call; {BATCHES} batches)  -> {native[:3]}{' ...' if len(native) > 3 else ''}")
+    print(f"  native         {spread(t_native, 1e-6, 3)}")
+    print(f"  plain Python   {spread(t_plain, 1e-6, 3)}")
+    print(f"  plain/native   {spread(ratio, digits=1)}")
+    return statistics.median(ratio)
 
 
 def rss_kib():
@@ -96,17 +37,18 @@ def rss_kib():
 
 
 def main():
-    ratio_a = compare("(a) all four agents, project scope", ALL)
+    ratio_a = compare("(a) all four agents, project scope", ALL, 5000)
 
-    shipped = m.AGENT_SKILL_ROOTS
+    # Both modules read the table when called, so eight more agents rebound on each make 12 candidates.
     extra = {f"extra{i}": m.SkillRoots(project=(f".extra{i:02}/skills",), user=()) for i in range(8)}
-    m.AGENT_SKILL_ROOTS = {**shipped, **extra}
+    shipped = m.AGENT_SKILL_ROOTS, plain.AGENT_SKILL_ROOTS
+    m.AGENT_SKILL_ROOTS, plain.AGENT_SKILL_ROOTS = {**shipped[0], **extra}, {**shipped[1], **extra}
     try:
         keys = list(m.AGENT_SKILL_ROOTS)
         assert len(m.read_roots(m.agent_roots(keys, "project"))) == 12
-        ratio_b = compare("(b) 12 candidates, 4095 selections scored", keys)
+        ratio_b = compare("(b) 12 candidates, 4095 selections scored", keys, 20)
     finally:
-        m.AGENT_SKILL_ROOTS = shipped
+        m.AGENT_SKILL_ROOTS, plain.AGENT_SKILL_ROOTS = shipped
 
     calls = 1_000_000
     resolve = m.resolve_skill_dirs

@@ -1,64 +1,32 @@
-"""Per-call cost of ``version_tuple`` and ``read_stamp`` against plain-Python formulations.
+"""Per-call cost of ``version_tuple`` against the plain-Python module's.
 
-Run after installing the package: ``python bench/bench_stamps.py``.
+Run after installing the package: ``python bench/bench_stamps.py``. ``read_stamp``, bound by the file
+system, is measured with the survey by ``bench/bench_survey.py``.
 """
 
-import re
-import tempfile
-import timeit
-from pathlib import Path
+import statistics
 
+from benchlib import interleaved, load_plain, ratios, spread
 from zobek_lumeno.utils import agent_skills as native
 
-STAMP_HEAD_BYTES = 2048
-_VERSION_RE = re.compile(r"^version:\s*([0-9][\w.\-]*)\s*$", re.MULTILINE)
-_DIGITS = re.compile(r"\d+")
-
-
-def version_tuple(v):
-    return tuple(int(m.group()) if (m := _DIGITS.match(p)) else 0 for p in v.split("."))
-
-
-def read_stamp(path):
-    with path.open("rb") as handle:
-        head = handle.read(STAMP_HEAD_BYTES)
-    text = head.decode("utf-8", "replace")
-    if len(head) == STAMP_HEAD_BYTES:
-        text = text[: text.rfind("\n") + 1]
-    match = _VERSION_RE.search(text)
-    return match.group(1) if match else None
-
-
-def best(fn, arg, number, repeat=7):
-    return min(timeit.repeat(lambda: fn(arg), number=number, repeat=repeat)) / number
-
-
-def compare(label, ours, theirs, args, number):
-    for arg in args:
-        assert ours(arg) == theirs(arg), arg
-    t_native = sum(best(ours, a, number) for a in args) / len(args)
-    t_python = sum(best(theirs, a, number) for a in args) / len(args)
-    print(
-        f"{label:<20} native {t_native * 1e6:8.3f} us   python {t_python * 1e6:8.3f} us   "
-        f"speed-up {t_python / t_native:5.2f}x"
-    )
-
-
-def skill_file(directory):
-    front = "---\nname: lumeno\nversion: 1.5.0\ndescription: Reads and writes the project map.\n---\n"
-    body = "".join(f"Line {i}: how the skill is used, with an example or two.\n" for i in range(200))
-    path = Path(directory) / "SKILL.md"
-    path.write_text(front + body)
-    assert path.stat().st_size > 2 * STAMP_HEAD_BYTES
-    return path
+plain = load_plain()
+VERSIONS = ["1.5.0", "1.10.0rc1", "2024.05.17", "0.9.dev3"]
+BATCHES, CALLS = 21, 20_000
 
 
 def main():
-    versions = ["1.5.0", "1.10.0rc1", "2024.05.17", "0.9.dev3"]
-    compare("version_tuple", native.version_tuple, version_tuple, versions, 100_000)
-    with tempfile.TemporaryDirectory() as d:
-        path = skill_file(d)
-        compare("read_stamp", native.read_stamp, read_stamp, [path], 20_000)
+    for v in VERSIONS:
+        assert native.version_tuple(v) == plain.version_tuple(v), v
+    calls = [lambda v=v, m=m: m.version_tuple(v) for m in (native, plain) for v in VERSIONS]
+    times = interleaved(calls, CALLS, BATCHES)
+    # Each batch's mean over the versions, so a ratio compares batches that ran side by side.
+    t_native = [statistics.mean(batch) for batch in zip(*times[: len(VERSIONS)], strict=True)]
+    t_plain = [statistics.mean(batch) for batch in zip(*times[len(VERSIONS) :], strict=True)]
+    ratio = ratios(t_plain, t_native)
+    print(f"version_tuple, mean over {', '.join(VERSIONS)} (us per call; {BATCHES} batches)")
+    print(f"  native         {spread(t_native, 1e-6, 3)}")
+    print(f"  plain Python   {spread(t_plain, 1e-6, 3)}")
+    print(f"  plain/native   {spread(ratio)}")
 
 
 if __name__ == "__main__":
