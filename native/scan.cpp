@@ -300,7 +300,7 @@ int read_link(const std::string& path, std::string& target) {
 int join_real(std::string& path, std::string_view rest, Resolution& r) {
     if (!rest.empty() && rest.front() == '/') {
         rest.remove_prefix(1);
-        path = "/";
+        path.assign(1, '/');  // not `= "/"`, which GCC 12 misreads as an overlapping copy
     }
     while (!rest.empty()) {
         const std::size_t slash = rest.find('/');

@@ -168,7 +168,12 @@ def test_logger_and_origin(monkeypatch, logger, origin):
     warn_once()
     [record] = records
     assert len(made) == 1 and {"the home directory"} == m._UNREADABLE
-    assert (record.name, record.levelno, record.msg, record.args) == (logger.name, 30, MSG, ("the home directory",))
+    assert (record.name, record.levelno, record.msg, record.args) == (
+        logger.name,
+        30,
+        MSG,
+        ("the home directory",),
+    )
     assert (record.exc_info[0], record.funcName, record.pathname) == (PermissionError, *origin)
 
 
@@ -206,10 +211,15 @@ class Suppressing:
         return True
 
 
+def read_suppressed():
+    with pytest.raises(UnboundLocalError):  # the read was suppressed: `head` was never bound
+        m.read_stamp(Suppressing())
+
+
 HANDLING = {
     "missing directory": lambda base: m._stamps_in(base / "nowhere"),
     "unreadable file": lambda base: m._stamps_in(base / "loop"),
-    "suppressing __exit__": lambda base: pytest.raises(UnboundLocalError, m.read_stamp, Suppressing()),
+    "suppressing __exit__": lambda base: read_suppressed(),
     "unknown home": lambda base: m.installed_skill_versions(None),
 }
 

@@ -31,7 +31,10 @@ def make_skill(rng, skills, name, out):
         return (skills / name).symlink_to(out)
     path.parent.mkdir()
     if kind == "file":  # about the head's size, with the stamp where the head may cut it
-        size, stamp = rng.choice([99, 2047, 2048, 2049, 4000]), f"\nversion: {rng.randint(0, 20)}.0\n".encode()
+        size, stamp = (
+            rng.choice([99, 2047, 2048, 2049, 4000]),
+            f"\nversion: {rng.randint(0, 20)}.0\n".encode(),
+        )
         data = b"\xff" + b"#" * size
         at = max(0, rng.choice([1, 900, size - 14, size - 15, size - 16]))
         path.write_bytes((data[:at] + stamp + data[at:])[: rng.choice([size, size + 40])])
@@ -43,8 +46,17 @@ def make_skill(rng, skills, name, out):
         (path.parent / os.fsdecode(b"n\xffm")).write_text("version: 3.3\n")
         path.symlink_to(os.fsdecode(b"n\xffm"))
     else:
-        targets = {"link in": "../store/SKILL.md", "link out": out / "SKILL.md", "dangling": "gone", "loop": "SKILL.md"}
-        targets |= {"dotdot": f"../../{skills.name}/store/../store/SKILL.md", "chain": "one", "name too long": "x" * 300}
+        targets = {
+            "link in": "../store/SKILL.md",
+            "link out": out / "SKILL.md",
+            "dangling": "gone",
+            "loop": "SKILL.md",
+        }
+        targets |= {
+            "dotdot": f"../../{skills.name}/store/../store/SKILL.md",
+            "chain": "one",
+            "name too long": "x" * 300,
+        }
         path.symlink_to(targets[kind])
         if kind == "chain":
             (path.parent / "one").symlink_to("../store/SKILL.md")
@@ -60,7 +72,9 @@ def build(rng, base):
             skills, kind = at / root, rng.choice(DIR_KINDS)
             skills.parent.mkdir(parents=True, exist_ok=True)
             if kind in ("file", "loop", "dangling"):
-                skills.write_text("x") if kind == "file" else skills.symlink_to({"loop": skills.name}.get(kind, "no"))
+                skills.write_text("x") if kind == "file" else skills.symlink_to(
+                    {"loop": skills.name}.get(kind, "no")
+                )
                 continue
             if kind.startswith("link"):
                 target = (at if kind == "link in" else out) / f"{scope}{i}"
@@ -143,7 +157,10 @@ def test_under_a_fake_file_system_the_host_objects_answer(monkeypatch):
         patcher.fs.create_symlink("/repo/.github/skills/lumeno", "/home/u/.claude/skills/lumeno")  # out
         patcher.fs.create_symlink("/repo/.cursor/skills/lumeno", "/elsewhere")
         monkeypatch.setenv("HOME", "/home/u")
-        found = {(r.scope, str(r.directory), r.skill): r.installed for r in m.installed_skill_versions(pathlib.Path("/repo"))}
+        found = {
+            (r.scope, str(r.directory), r.skill): r.installed
+            for r in m.installed_skill_versions(pathlib.Path("/repo"))
+        }
     assert {key: v for key, v in found.items() if v} == {
         ("user", "/home/u/.claude/skills", "lumeno"): "1.2.3",
         ("project", "/repo/.windsurf/skills", "lumeno-map"): "0.1",
