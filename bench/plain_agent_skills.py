@@ -72,9 +72,9 @@ def agent_roots(agent_keys: "Iterable[str]", scope: "str") -> "dict[str, tuple[s
     """
     roots = {}
     for key in dict.fromkeys(agent_keys):
-        entry = AGENT_SKILL_ROOTS.get(key)
-        if entry is None:
+        if key not in AGENT_SKILL_ROOTS:
             continue
+        entry = AGENT_SKILL_ROOTS[key]
         dirs = entry.user if scope == "user" else entry.project
         if dirs:
             roots[key] = dirs

@@ -140,8 +140,9 @@ bool host_unchanged(const Context& cx) {
 }
 
 // A text the path type takes as one component, as it stands: a directory or file name.
+// Null (an unbound name) is not one.
 bool plain_component(PyObject* text) {
-    if (!PyUnicode_CheckExact(text)) return false;
+    if (text == nullptr || !PyUnicode_CheckExact(text)) return false;
     const Py_ssize_t length = PyUnicode_GET_LENGTH(text);
     if (length == 0 || PyUnicode_FindChar(text, '/', 0, length, 1) != -1 ||
         PyUnicode_FindChar(text, 0, 0, length, 1) != -1)

@@ -1,4 +1,6 @@
+import importlib.util
 import sys
+from pathlib import Path
 
 import pytest
 
@@ -12,3 +14,29 @@ def pytest_collection_modifyitems(items):
     for item in items:
         if EDITABLE and item.get_closest_marker("installed"):
             item.add_marker(pytest.mark.skip(reason="needs a regular install, not an editable one"))
+
+
+@pytest.fixture(scope="session")
+def plain():
+    """The module written as plain Python from its description, never from the C++ (the benchmarks'
+    yardstick): an oracle independent of the code under test. Loaded under the module's own name, so
+    its records, annotations and logger are named alike; it is not registered in sys.modules."""
+    path = Path(__file__).parents[1] / "bench" / "plain_agent_skills.py"
+    spec = importlib.util.spec_from_file_location("zobek_lumeno.utils.agent_skills", path)
+    module = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(module)
+    return module
+
+
+def what_call_gives(call, *args, **kwargs):
+    try:
+        value = call(*args, **kwargs)
+    except Exception as error:
+        return type(error), str(error), getattr(error, "name", None)
+    return "returned", value, type(value).__name__
+
+
+@pytest.fixture(scope="session")
+def outcome():
+    """What a call comes to: its value and the value's type, or its error's type and text."""
+    return what_call_gives

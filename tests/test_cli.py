@@ -1,3 +1,6 @@
+"""The zobek-lumeno program: status, then the printed update lines, then status again; every refusal of
+the installer; the six states; and its arguments."""
+
 import errno
 import functools
 import json
@@ -14,17 +17,12 @@ from zobek_lumeno import __version__
 from zobek_lumeno.cli import main
 
 NAMES = ("lumeno", "lumeno-map", "lumeno-wiki")
-# Read with a pattern of the tests' own, not with the module's reader.
-STAMP = re.compile(r"^version: (\S+)$", re.MULTILINE)
+STAMP = re.compile(r"^version: (\S+)$", re.MULTILINE)  # the tests' own reading, not the module's
 
 
-def write(path, text):
-    path.parent.mkdir(parents=True, exist_ok=True)
-    path.write_text(text)
-
-
-def stamp(skill_dir, version):
-    write(skill_dir / "SKILL.md", f"---\nname: {skill_dir.name}\nversion: {version}\n---\n")
+def stamp(skill_dir, version, text=None):
+    skill_dir.mkdir(parents=True, exist_ok=True)
+    (skill_dir / "SKILL.md").write_text(text or f"---\nname: {skill_dir.name}\nversion: {version}\n---\n")
 
 
 def stamp_of(path):
@@ -48,7 +46,8 @@ def repo(tmp_path, monkeypatch):
 
 def test_round_trip_through_the_console_script(tmp_path):
     home, repo = tmp_path / "home", tmp_path / "my app"
-    write(repo / ".git", "gitdir: elsewhere\n")  # a worktree's
+    repo.mkdir()
+    (repo / ".git").write_text("gitdir: elsewhere\n")  # a worktree's
     (repo / "src").mkdir()
     stale = [home / ".claude/skills", home / ".codeium/windsurf/skills", repo / ".github/skills"]
     for skill_dir, version in zip([s / "lumeno" for s in stale], ["1.4.0", "1.0", "0.9"], strict=True):
@@ -56,8 +55,11 @@ def test_round_trip_through_the_console_script(tmp_path):
     stamp(repo / ".windsurf/skills/lumeno", __version__)
     stamp(repo / ".windsurf/skills/lumeno-map", "1.3")
     stale.append(repo / ".windsurf/skills")
-    path = f"{sysconfig.get_path('scripts')}{os.pathsep}{os.environ['PATH']}"
-    env = {**os.environ, "HOME": str(home), "PATH": path}
+    env = {
+        **os.environ,
+        "HOME": str(home),
+        "PATH": f"{sysconfig.get_path('scripts')}{os.pathsep}{os.environ['PATH']}",
+    }
     shell = functools.partial(
         subprocess.run, shell=True, env=env, capture_output=True, text=True, timeout=120
     )
@@ -88,9 +90,8 @@ def arrange(kind, skills, outside):
     lumeno = skills / "lumeno"
     if kind == "link out":
         lumeno.symlink_to(outside, target_is_directory=True)
-    elif kind.endswith("SKILL.md link"):
-        # Out of the skills directory, or to a file inside it that is not the skill's.
-        write(skills / "notes.md", "version: 1.4.0\n")
+    elif kind.endswith("SKILL.md link"):  # out of the skills directory, or to a file inside it
+        (skills / "notes.md").write_text("version: 1.4.0\n")
         lumeno.mkdir()
         (lumeno / "SKILL.md").symlink_to(outside / "SKILL.md" if kind.startswith("out") else "../notes.md")
     elif kind == "link to a skill":
@@ -98,10 +99,10 @@ def arrange(kind, skills, outside):
     elif kind == "link inside":
         (skills / "store").mkdir()
         lumeno.symlink_to("store")
-    elif kind in ("file", "unstamped"):
-        write(lumeno if kind == "file" else lumeno / "SKILL.md", "mine\n")
-    elif kind == "newer":
-        stamp(lumeno, "9.0")
+    elif kind in ("file", "unstamped", "newer"):
+        stamp(
+            lumeno, "9.0", "mine\n" if kind == "unstamped" else None
+        ) if kind != "file" else lumeno.write_text("x")
 
 
 @pytest.mark.parametrize(
@@ -124,7 +125,7 @@ def arrange(kind, skills, outside):
 def test_install_refusals(repo, capsys, kind, args, actions, error):
     skills, outside = repo / ".claude/skills", repo.parent / "outside"
     skills.mkdir(parents=True)
-    write(outside / "SKILL.md", "version: 0.1\n")
+    stamp(outside, "0.1")
     arrange(kind, skills, outside)
     before = snapshot(repo.parent)
     assert main(["skill", "install", *args]) == ("refused" in actions)
@@ -137,25 +138,23 @@ def test_install_refusals(repo, capsys, kind, args, actions, error):
     changed = {p for p in before.keys() | after.keys() if before.get(p) != after.get(p) is not True}
     assert all(any(p.is_relative_to(w.resolve()) for w in written) for p in changed)
     assert "--dry-run" not in args or after == before
-    for skill_dir in written:
-        assert not (skill_dir / "SKILL.md").is_symlink() and stamp_of(skill_dir / "SKILL.md") == __version__
+    assert all(not (s / "SKILL.md").is_symlink() and stamp_of(s / "SKILL.md") == __version__ for s in written)
 
 
+# Tests run as root, whom permission bits do not stop: a read-only directory is simulated by the error
+# that creating the temporary file there raises.
 @pytest.mark.parametrize(
     "call, error",
     [
-        ("replace", OSError(errno.ENOSPC, os.strerror(errno.ENOSPC))),
+        ("replace", OSError(errno.ENOSPC, "No space")),
         ("replace", KeyboardInterrupt()),
-        # Tests run as root, whom permission bits do not stop: a read-only directory is simulated by the
-        # error that creating the temporary file there raises.
-        ("open", OSError(errno.EROFS, os.strerror(errno.EROFS))),
+        ("open", OSError(errno.EROFS, "Read-only")),
     ],
 )
 def test_failed_write_leaves_the_old_file(repo, monkeypatch, capsys, call, error):
     skills = repo / ".claude/skills"
     stamp(skills / "lumeno", "1.4.0")
-    old = (skills / "lumeno/SKILL.md").read_bytes()
-    real = getattr(os, call)
+    old, real = (skills / "lumeno/SKILL.md").read_bytes(), getattr(os, call)
 
     def failing(path, *args, **kwargs):
         if call == "replace" or args[0] & os.O_CREAT:
@@ -175,50 +174,44 @@ def test_failed_write_leaves_the_old_file(repo, monkeypatch, capsys, call, error
 
 
 def test_status_states(repo, capsys):
-    home, project = repo.parent / "home", repo / ".cursor/skills"
-    user = home / ".claude/skills"
+    home, user, project = repo.parent / "home", repo.parent / "home/.claude/skills", repo / ".cursor/skills"
     stamp(user / "lumeno", "1.4.0")
     stamp(user / "lumeno-map", "9.0")
-    write(user / "lumeno-wiki/SKILL.md", "---\nname: lumeno-wiki\n---\n")
+    stamp(user / "lumeno-wiki", None, "---\nname: lumeno-wiki\n---\n")
     stamp(project / "lumeno", __version__)
-    # A loop of links: unreadable, whatever the permission bits.
     (project / "lumeno-map").mkdir()
-    (project / "lumeno-map/SKILL.md").symlink_to("SKILL.md")
+    (project / "lumeno-map/SKILL.md").symlink_to("SKILL.md")  # a loop: unreadable, whatever the permissions
     assert main(["status", "--check", "--json"]) == 1
     out, err = capsys.readouterr()
-    assert "Cannot read" in err
     records = json.loads(out)
-    assert ",".join(records[0]) == "skill,directory,installed,current,scope,update,stale,state"
-    states = [r["state"] for r in records if r["state"] != "missing"]
-    assert states == ["STALE", "newer", "unstamped", "current", "unreadable"]
+    assert (
+        "Cannot read" in err
+        and ",".join(records[0]) == "skill,directory,installed,current,scope,update,stale,state"
+    )
+    assert [r["state"] for r in records if r["state"] != "missing"] == [
+        "STALE",
+        "newer",
+        "unstamped",
+        "current",
+        "unreadable",
+    ]
     # The survey warns about a path once a process; the state stays the same.
     assert main(["status"]) == 0
-    out, err = capsys.readouterr()
-    lines = out.splitlines()
-    assert lines[1:3] == [
-        f"  user scope     under the home directory {home}",
-        f"  project scope  under the repository {repo} (the nearest directory holding .git)",
-    ]
-    assert [line.split()[-1] for line in lines[5:8]] == ["STALE", "newer", "unstamped"]
-    assert [line.split()[-1] for line in lines if "lumeno-map" in line][-3:-1] == ["unreadable", "missing"]
-    assert lines[-3:] == [
+    lines = capsys.readouterr().out.splitlines()
+    assert lines[2] == f"  project scope  under the repository {repo} (the nearest directory holding .git)"
+    assert [line.split()[-1] for line in lines[5:8]] + [lines[-3], lines[-1]] == [
+        "STALE",
+        "newer",
+        "unstamped",
         "1 stale copy; to update it run:",
-        "  zobek-lumeno skill install --scope user",
         "1 cannot be read (see the warnings); status --check fails until they can.",
     ]
     # The repository is the home: a directory of both scopes is listed once for each.
     assert main(["--repo-root", str(home), "status"]) == 0
     lines = capsys.readouterr().out.splitlines()
-    assert "the two scopes overlap:" in lines[3]
-    assert [line.split()[:2] for line in lines if "~/.claude/skills" in line] == [
-        ["user", "~/.claude/skills"],
-        ["project", "~/.claude/skills"],
-    ]
-    assert lines[-3:] == [
-        "2 stale copies; to update them run:",
-        "  zobek-lumeno skill install --scope user",
-        f"  zobek-lumeno --repo-root {home} skill install --scope project",
-    ]
+    assert "the two scopes overlap:" in lines[3] and lines[-3] == "2 stale copies; to update them run:"
+    assert [line.split()[0] for line in lines if "~/.claude/skills" in line] == ["user", "project"]
+    assert lines[-1] == f"  zobek-lumeno --repo-root {home} skill install --scope project"
 
 
 # Unbuffered, the first print meets the closed pipe; buffered, the flush at the end does.
@@ -234,31 +227,25 @@ def test_closed_pipe_is_no_failure(tmp_path, check, code, unbuffered):
     assert (done.returncode, done.stderr) == (code, b"")
 
 
-AGENTS = "claude, cursor-agent, windsurf, copilot"
-
-
 @pytest.mark.parametrize(
     "args, out, error",
     [
         (["dirs"], ".claude/skills\n", ""),
-        (["dirs", "cursor-agent", "copilot"], ".cursor/skills\n.github/skills\n", ""),
         (["dirs", "--scope", "user", "claude", "copilot"], ".claude/skills\n.copilot/skills\n", ""),
         (
-            ["dirs", "claude", "Claude"],
+            ["dirs", "Claude"],
             "",
-            f"dirs: error: argument AGENT: unknown agent 'Claude' (known: {AGENTS})",
+            "dirs: error: argument AGENT: unknown agent 'Claude' (known: claude, cursor-agent, ",
         ),
         (["dirs", "--scope", "global"], "", "invalid choice"),
         (["skill", "install", "--agent", "nobody"], "", "install: error: argument --agent: unknown agent"),
         (["skill"], "", "skill: error: the following arguments are required: ACTION"),
-        ([], "", "required: COMMAND"),
         (
             ["--repo-root", "", "status"],
             "",
             "zobek-lumeno: error: argument --repo-root: '' is not a directory",
         ),
-        (["--repo-root", sys.executable, "status"], "", "is not a directory"),
-        (["status", "--repo-root", "nowhere"], "", "status: error: argument --repo-root: 'nowhere' is not a"),
+        (["status", "--repo-root", sys.executable], "", "status: error: argument --repo-root: "),
         (["--version"], f"zobek-lumeno {__version__}\n", ""),
     ],
 )
@@ -267,9 +254,5 @@ def test_arguments(repo, capsys, args, out, error):
     captured = capsys.readouterr()
     # A mistake is reported in one line, not with the usage block.
     assert captured.out == out and len(captured.err.splitlines()) == bool(error) and error in captured.err
-    assert captured.err.startswith("zobek-lumeno") or not error
-
-
-def test_help_names_the_agents(capsys):
     assert main(["dirs", "--help"]) == 0
-    assert f"one of {AGENTS}" in " ".join(capsys.readouterr().out.split())
+    assert "one of claude, cursor-agent, windsurf, copilot" in " ".join(capsys.readouterr().out.split())

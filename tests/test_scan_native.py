@@ -1,7 +1,7 @@
-"""The scan's native route: the plain route's answers, warnings and audit events on any tree, the plain
-route whenever a host object it would reach is patched, and no read outside while the tree changes."""
+"""The survey on any tree: the native route answers, warns and opens as the plain route and as the plain
+formulation do; the plain route runs whenever a host object it would reach is patched; and no file outside
+is read while the tree changes."""
 
-import io
 import logging
 import os
 import pathlib
@@ -16,8 +16,11 @@ from zobek_lumeno.utils import agent_skills as m
 
 OUTSIDE = "version: 6.6.6\n"
 DIR_KINDS = ["dir"] * 5 + ["missing", "link in", "link out", "file", "loop", "dangling"]
-SKILL_KINDS = ["file"] * 4 + ["missing", "link in", "link out", "dangling", "loop", "fifo", "dir", "dir out"]
-SKILL_KINDS += ["after head", "dotdot", "chain", "non-UTF-8", "name too long"]
+# Where a SKILL.md that is a link leads ("out" stands for the stamped file outside the tree's skills).
+LINKS = {"link in": "../store/SKILL.md", "link out": "out", "dangling": "gone", "loop": "SKILL.md"}
+LINKS |= {"dotdot": "../../{skills}/store/../store/SKILL.md", "chain": "one", "name too long": "x" * 300}
+LINKS |= {"device": "/dev/zero", "non-UTF-8": os.fsdecode(b"n\xffm")}
+SKILL_KINDS = ["file"] * 4 + ["missing", "fifo", "dir", "dir out", "after head", *LINKS]
 OPENED = []  # filled only while a survey records: a hook cannot be removed, and would grow forever
 RECORDING = threading.Event()
 sys.addaudithook(lambda event, args: RECORDING.is_set() and event == "open" and OPENED.append(args))
@@ -25,41 +28,28 @@ sys.addaudithook(lambda event, args: RECORDING.is_set() and event == "open" and 
 
 def make_skill(rng, skills, name, out):
     kind, path = rng.choice(SKILL_KINDS), skills / name / "SKILL.md"
-    if kind == "missing":
-        return
     if kind == "dir out":
-        return (skills / name).symlink_to(out)
-    path.parent.mkdir()
+        (skills / name).symlink_to(out)
+    elif kind != "missing":
+        path.parent.mkdir()
     if kind == "file":  # about the head's size, with the stamp where the head may cut it
         size, stamp = (
             rng.choice([99, 2047, 2048, 2049, 4000]),
             f"\nversion: {rng.randint(0, 20)}.0\n".encode(),
         )
-        data = b"\xff" + b"#" * size
-        at = max(0, rng.choice([1, 900, size - 14, size - 15, size - 16]))
+        data, at = b"\xff" + b"#" * size, max(0, rng.choice([1, 900, size - 14, size - 15, size - 16]))
         path.write_bytes((data[:at] + stamp + data[at:])[: rng.choice([size, size + 40])])
-    elif kind in ("dir", "fifo"):
-        path.mkdir() if kind == "dir" else os.mkfifo(path)
+    elif kind == "dir":
+        path.mkdir()
+    elif kind == "fifo":
+        os.mkfifo(path)
     elif kind == "after head":
         path.write_text("#" * 3000 + "\nversion: 1.0\n")
-    elif kind == "non-UTF-8":
-        (path.parent / os.fsdecode(b"n\xffm")).write_text("version: 3.3\n")
-        path.symlink_to(os.fsdecode(b"n\xffm"))
-    else:
-        targets = {
-            "link in": "../store/SKILL.md",
-            "link out": out / "SKILL.md",
-            "dangling": "gone",
-            "loop": "SKILL.md",
-        }
-        targets |= {
-            "dotdot": f"../../{skills.name}/store/../store/SKILL.md",
-            "chain": "one",
-            "name too long": "x" * 300,
-        }
-        path.symlink_to(targets[kind])
-        if kind == "chain":
-            (path.parent / "one").symlink_to("../store/SKILL.md")
+    elif kind in LINKS:
+        target = LINKS[kind].format(skills=skills.name)
+        path.symlink_to(out / "SKILL.md" if target == "out" else target)
+        (path.parent / "one").symlink_to("../store/SKILL.md")  # for the chain
+        (path.parent / LINKS["non-UTF-8"]).write_text("version: 3.3\n")
 
 
 def build(rng, base):
@@ -72,9 +62,9 @@ def build(rng, base):
             skills, kind = at / root, rng.choice(DIR_KINDS)
             skills.parent.mkdir(parents=True, exist_ok=True)
             if kind in ("file", "loop", "dangling"):
-                skills.write_text("x") if kind == "file" else skills.symlink_to(
-                    {"loop": skills.name}.get(kind, "no")
-                )
+                skills.symlink_to(
+                    {"loop": skills.name, "dangling": "no"}[kind]
+                ) if kind != "file" else skills.write_text("x")
                 continue
             if kind.startswith("link"):
                 target = (at if kind == "link in" else out) / f"{scope}{i}"
@@ -87,36 +77,36 @@ def build(rng, base):
     return home, repo
 
 
-def survey(repo, plain):
-    """The survey's records, warnings (error class, errno, text) and the files its open events name."""
+def survey(module, repo, plain_route=False):
+    """The survey's records, warnings (arguments, error, text) and the files its open events name."""
     warnings, handler = [], logging.Handler()
     handler.emit = lambda r: warnings.append((r.args, repr(r.exc_info[1]), str(r.exc_info[1])))
-    m.logger.addHandler(handler)
-    m._UNREADABLE.clear()
+    module.logger.addHandler(handler)
+    module.logger.propagate = False  # no other handler reads source files for a traceback
+    module._UNREADABLE.clear()
     OPENED.clear()
     RECORDING.set()
-    sys.setprofile((lambda *args: None) if plain else None)  # a profiler sees the host's calls
+    sys.setprofile((lambda *args: None) if plain_route else None)  # a profiler sees the host's calls
     try:
-        return m.installed_skill_versions(repo), warnings, OPENED[:]
+        return [tuple(r) for r in module.installed_skill_versions(repo)], warnings, OPENED[:]
     finally:
         sys.setprofile(None)
         RECORDING.clear()
-        m.logger.removeHandler(handler)
+        module.logger.removeHandler(handler)
+        module.logger.propagate = True
 
 
 @pytest.mark.parametrize("seed", range(40))
-def test_both_routes_answer_alike(tmp_path, monkeypatch, seed):
+def test_survey_of_random_trees(tmp_path, monkeypatch, plain, seed):
     rng = random.Random(seed)
     home, repo = build(rng, tmp_path.resolve())
     monkeypatch.setenv("HOME", str(home))
-    monkeypatch.setattr(m, "_UNREADABLE", set())
-    monkeypatch.setattr(m.logger, "propagate", False)  # no handler reads source files for tracebacks
     if seed % 3 == 0:  # a relative root, against the current directory
         monkeypatch.chdir(repo.parent)
         repo = pathlib.Path(repo.name)
-    native = survey(repo, plain=False)
-    assert native == survey(repo, plain=True)
-    assert all(r.installed != "6.6.6" for r in native[0])
+    native = survey(m, repo)
+    assert native == survey(m, repo, plain_route=True) == survey(plain, repo)
+    assert all(r[2] != "6.6.6" for r in native[0])
 
 
 @pytest.fixture
@@ -128,26 +118,6 @@ def skills(tmp_path):
     (skills / "lumeno-map").mkdir()
     (skills / "lumeno-map/SKILL.md").symlink_to("../store/SKILL.md")
     return skills
-
-
-@pytest.mark.parametrize(
-    "owner, name",
-    [(os, "lstat"), (os, "readlink"), (os, "stat"), (os.path, "realpath"), (io, "open")]
-    + [(pathlib.Path, name) for name in ("resolve", "open", "is_file", "is_relative_to", "__truediv__")],
-)
-def test_a_patched_host_object_is_what_the_scan_calls(skills, monkeypatch, owner, name):
-    calls, real = [], getattr(owner, name)
-
-    def spy(*args, **kwargs):
-        calls.append(name)
-        return real(*args, **kwargs)
-
-    monkeypatch.setattr(owner, name, spy)
-    assert m._stamps_in(skills) == {"lumeno": "1.0", "lumeno-map": "2.0", "lumeno-wiki": None}
-    assert calls
-    if name in ("open", "resolve", "is_file"):  # read_stamp alone goes through open too
-        calls.clear()
-        assert m.read_stamp(skills / "store/SKILL.md") == "2.0" and calls == ["open"] * (name == "open")
 
 
 def test_under_a_fake_file_system_the_host_objects_answer(monkeypatch):

