@@ -4,6 +4,7 @@ the calls reach see the same calls, in the same order, as from a Python source."
 
 import io
 import itertools
+import logging
 import os
 import pathlib
 import re
@@ -64,7 +65,10 @@ def base(tmp_path, monkeypatch, plain):
     (base / "repo/.github/skills").symlink_to("skills")  # a loop: a warning for the project scope
     for module in (m, plain):
         monkeypatch.setattr(module, "_UNREADABLE", set())
-        monkeypatch.setattr(module.logger, "disabled", True)
+    # Both modules log through the same logger: each warning goes with the call that made it.
+    monkeypatch.setattr(m.logger, "handlers", [handler := logging.Handler()])
+    monkeypatch.setattr(m.logger, "propagate", False)
+    monkeypatch.setattr(handler, "emit", lambda r: LOG.append((r.args, type(r.exc_info[1]).__name__)))
     return base
 
 
@@ -110,3 +114,27 @@ def test_a_patched_host_object_sees_the_calls_a_python_source_makes(
     monkeypatch.setattr(owner, name, spy)
     calls = each_call(m, base, outcome)
     assert calls == each_call(plain, base, outcome) and any(log for _, log in calls.values())
+
+
+ERRORS = [PermissionError(13, "Denied"), RuntimeError("Symlink loop"), FileNotFoundError(2, "No such file")]
+ERRORS += [NotADirectoryError(20, "Not a directory"), ValueError("no file-system failure")]
+
+
+@pytest.mark.parametrize("error", ERRORS, ids=lambda e: type(e).__name__)
+@pytest.mark.parametrize(
+    "name, end", [("resolve", "skills"), ("resolve", "SKILL.md"), ("is_file", ".md"), ("open", ".md")]
+)
+def test_a_failing_host_call_is_answered_as_from_a_python_source(
+    monkeypatch, plain, outcome, base, name, end, error
+):
+    """Not there, unreadable (logged once) or propagated: as the plain formulation takes each error."""
+    real = getattr(pathlib.Path, name)
+
+    def failing(self, *args, **kwargs):
+        if str(self).endswith(end):
+            raise error
+        return real(self, *args, **kwargs)
+
+    monkeypatch.setattr(pathlib.Path, name, failing)
+    calls = each_call(m, base, outcome)
+    assert calls == each_call(plain, base, outcome) and calls["scan"][0][0] in ("returned", ValueError)
