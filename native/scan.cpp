@@ -447,9 +447,9 @@ Step open_below(const Root& root, const Resolution& r, SkillFile& file) {
     file.fd = Fd(::openat(at, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!file.fd) return not_there(errno) || errno == ELOOP ? Step::changed : Step::plain;
     if (::fstat(file.fd.get(), &st) != 0) return Step::plain;
-    const bool same = st.st_dev == r.last.device && st.st_ino == r.last.inode;
-    if (!S_ISREG(st.st_mode) || (r.last.path == file.real && !same)) return Step::changed;
-    return Step::done;
+    // Replaced since the resolution: by another file, which is as much inside and read as it is
+    // now; by anything else, resolve again.
+    return S_ISREG(st.st_mode) ? Step::done : Step::changed;
 }
 
 Step open_skill(const Root& root, const std::string& rest, SkillFile& file) {

@@ -32,11 +32,12 @@ def what_call_gives(call, *args, **kwargs):
     try:
         value = call(*args, **kwargs)
     except Exception as error:
-        return type(error), str(error), getattr(error, "name", None)
+        return type(error), str(error), getattr(error, "name", None), type(error.__context__)
     return "returned", value, type(value).__name__
 
 
 @pytest.fixture(scope="session")
 def outcome():
-    """What a call comes to: its value and the value's type, or its error's type and text."""
+    """What a call comes to: its value and the value's type, or its error: type, text, name and the type
+    of the error it was raised in handling."""
     return what_call_gives

@@ -40,7 +40,7 @@ OTHER = {
     "Path": lambda mod: counting("Path", pathlib.Path),
     "__version__": lambda mod: "0.9.dev1",
     "logger": lambda mod: type("Quiet", (), {"warning": lambda *a, **k: LOG.append("warned")})(),
-    "SKILL_NAMES": lambda mod: ("lumeno-wiki", "lumeno", "elsewhere"),
+    "SKILL_NAMES": lambda mod: ("lumeno-wiki", "lumeno", "elsewhere", ["un", "hashable"]),
     "SKILL_FILE": lambda mod: "OTHER.md",
     "STAMP_HEAD_BYTES": lambda mod: 12,
     "_VERSION_RE": lambda mod: re.compile(r"^name: (\w+)", re.M),

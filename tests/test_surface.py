@@ -83,6 +83,9 @@ def test_import_afresh_after_failing_and_under_another_name(tmp_path):
             return real_import(name, globals, locals, fromlist, level)
         builtins.__import__ = tracer
         refused = attempt()
+        del builtins.__import__
+        missing = attempt()
+        builtins.__import__ = tracer
         m = importlib.import_module({MODULE!r})
         builtins.__import__ = real_import
         spec = importlib.util.spec_from_file_location("plain", {str(plain_path)!r})
@@ -91,7 +94,7 @@ def test_import_afresh_after_failing_and_under_another_name(tmp_path):
         import agent_skills as top
         order = [[n for n in vars(mod) if not n.startswith("__") or n == "__version__"] for mod in (m, plain)]
         print(json.dumps(dict(
-            no_version=no_version, blocked=blocked, refused=refused, calls=calls, order=order,
+            no_version=no_version, blocked=blocked, refused=refused, missing=missing, calls=calls, order=order,
             first=list(vars(m))[:8], unreadable=repr(m._UNREADABLE),
             state=[m.__version__, m.skill_capable_agents(), sys.modules[{MODULE!r}] is m, m.__file__],
             top=[top.__name__, top.__package__, top.logger.name, top.read_roots.__module__, top is m],
@@ -105,6 +108,7 @@ def test_import_afresh_after_failing_and_under_another_name(tmp_path):
     halted = "import of itertools halted; None in sys.modules"
     assert report["blocked"] == ["ModuleNotFoundError", halted, "itertools", None, False]
     assert report["refused"] == ["ImportError", "refused", None, None, False]
+    assert report["missing"] == ["ImportError", "__import__ not found", None, None, False]
     imports = [["itertools", None], ["logging", None], ["re", None], ["collections.abc", ["Iterable"]]]
     imports += [["pathlib", ["Path"]], ["typing", ["NamedTuple"]], ["zobek_lumeno", ["__version__"]]]
     assert report["calls"] == [[name, True, names, 0] for name, names in imports] * 2
