@@ -155,6 +155,9 @@ def test_function_attributes_and_binding(monkeypatch, tmp_path):
     for attribute, bad in [("__name__", 1), ("__name__", None), ("__qualname__", b"x")]:
         with pytest.raises(TypeError, match=rf"^{attribute} must be set to a string object$"):
             setattr(f, attribute, bad)
+    f.__annotations__, annotations = None, f.__annotations__
+    assert f.__annotations__ == {} and f.__annotations__ is f.__annotations__  # made anew, once, as in Python
+    f.__annotations__ = annotations
     replaced = f.__signature__ = inspect.Signature()
     assert inspect.signature(f) is replaced
     del f.__signature__
