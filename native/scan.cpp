@@ -121,10 +121,13 @@ bool traced() {
     return ts->c_profilefunc != nullptr || ts->c_tracefunc != nullptr;
 }
 
-// Whether every host object the plain route would reach is still the one seen at import.
-bool host_unchanged(const Context& cx) {
+// The guard: whether the plain route, given this path object, would reach nothing but the
+// host objects seen at import (each compared by identity), and no profile or trace function
+// is set to see those calls.
+bool route_open(const Context& cx, PyObject* path) {
     if (cx.held(Held::scan_originals) == nullptr || traced()) return false;
     if (cx.peek(Name::Path) != cx.held(Held::path_type)) return false;
+    if (Py_TYPE(path) != reinterpret_cast<PyTypeObject*>(owner(cx, Owner::path_class))) return false;
     PyObject* names = cx.held(Held::scan_names);
     PyObject* originals = cx.held(Held::scan_originals);
     try {
@@ -571,9 +574,7 @@ void capture_scan_originals(State& st, PyObject* module_dict) {
 }
 
 std::optional<Ref> native_stamps_in(const Context& cx, PyObject* directory) {
-    if (!host_unchanged(cx) || Py_TYPE(directory) != reinterpret_cast<PyTypeObject*>(owner(cx, Owner::path_class)) ||
-        !plain_names(cx.peek(Name::SKILL_NAMES)))
-        return std::nullopt;
+    if (!route_open(cx, directory) || !plain_names(cx.peek(Name::SKILL_NAMES))) return std::nullopt;
     const auto path = path_bytes(directory);
     if (!path) return std::nullopt;
     Root root;
@@ -603,8 +604,7 @@ std::optional<Ref> native_stamps_in(const Context& cx, PyObject* directory) {
 
 std::optional<Ref> native_read_stamp(const Context& cx, PyObject* path) {
     const auto size = head_size(cx);
-    if (!size || !host_unchanged(cx) || Py_TYPE(path) != reinterpret_cast<PyTypeObject*>(owner(cx, Owner::path_class)))
-        return std::nullopt;
+    if (!size || !route_open(cx, path)) return std::nullopt;
     Ref text = Ref::steal(PyOS_FSPath(path));
     const auto bytes = PyUnicode_CheckExact(text.get()) ? fs_bytes(text.get()) : std::nullopt;
     if (!bytes) return std::nullopt;
