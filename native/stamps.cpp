@@ -19,16 +19,14 @@ public:
     // _PyType_Lookup is how the interpreter finds special methods: on the type alone,
     // without the instance's own attributes, which any public attribute lookup consults.
     SpecialMethod(PyObject* obj, PyObject* name) : obj_(obj) {
-        PyObject* found = _PyType_Lookup(Py_TYPE(obj), name);
-        if (found == nullptr) return;
-        if (PyType_HasFeature(Py_TYPE(found), Py_TPFLAGS_METHOD_DESCRIPTOR)) {
-            callable_ = Ref::borrow(found);
-            unbound_ = true;
-            return;
-        }
-        descrgetfunc get = Py_TYPE(found)->tp_descr_get;
-        callable_ = get == nullptr ? Ref::borrow(found)
-                                   : Ref::steal(get(found, obj, reinterpret_cast<PyObject*>(Py_TYPE(obj))));
+        // Held: a descriptor's __get__ may run code that drops the type's own reference.
+        Ref found = Ref::borrow(_PyType_Lookup(Py_TYPE(obj), name));
+        if (!found) return;
+        unbound_ = PyType_HasFeature(Py_TYPE(found.get()), Py_TPFLAGS_METHOD_DESCRIPTOR);
+        descrgetfunc get = Py_TYPE(found.get())->tp_descr_get;
+        callable_ = unbound_ || get == nullptr
+                        ? std::move(found)
+                        : Ref::steal(get(found.get(), obj, reinterpret_cast<PyObject*>(Py_TYPE(obj))));
     }
     explicit operator bool() const noexcept { return static_cast<bool>(callable_); }
 
