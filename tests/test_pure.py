@@ -40,6 +40,8 @@ def test_pure_functions_answer_as_the_plain_formulation(
         ("_shell_word", word),
         ("version_tuple", version),
     ]
+    for installed in (None, version, "", word):  # staleness: the keys compared, or None is never stale
+        calls.append(("stale", installed, data.draw(versions)))
     calls += [("read_stamp", agent_keys), ("_stamps_in", scope), ("installed_skill_versions", word)]
     calls += [("inside_root", project_root, word, version), ("_say_unreadable", agent_keys)]
     roots_mapping = m.agent_roots(m.skill_capable_agents(), scope)
@@ -48,4 +50,11 @@ def test_pure_functions_answer_as_the_plain_formulation(
         ("_score", tuple(data.draw(st.lists(roots, max_size=5))), roots_mapping),
     ]
     for name, *args in calls:
-        assert outcome(getattr(m, name), *args) == outcome(getattr(plain, name), *args), (name, args)
+        if name == "stale":
+            native, reference = (
+                lambda i, c, mod=mod: mod.InstalledSkill("s", None, i, c, "user", None).stale
+                for mod in (m, plain)
+            )
+        else:
+            native, reference = getattr(m, name), getattr(plain, name)
+        assert outcome(native, *args) == outcome(reference, *args), (name, args)
