@@ -63,6 +63,7 @@ EOF
 
 check_mypy() {
     "$PY" -m mypy --strict examples/typed_usage.py
+    "$PY" -m mypy --strict -p zobek_lumeno
 }
 
 check_clang_format() {
@@ -122,7 +123,11 @@ import zipfile
 
 names = zipfile.ZipFile(sys.argv[1]).namelist()
 wanted = ["zobek_lumeno/py.typed", "zobek_lumeno/utils/agent_skills.pyi", "zobek_lumeno/__init__.py"]
+wanted += [f"zobek_lumeno/skills/{skill}/SKILL.md" for skill in ("lumeno", "lumeno-map", "lumeno-wiki")]
 absent = [n for n in wanted if n not in names]
+entry_points = [n for n in names if n.endswith(".dist-info/entry_points.txt")]
+if not entry_points or "zobek-lumeno = " not in zipfile.ZipFile(sys.argv[1]).read(entry_points[0]).decode():
+    absent.append("the zobek-lumeno console script")
 if not any(n.startswith("zobek_lumeno/utils/agent_skills.") and n.endswith(".so") for n in names):
     absent.append("zobek_lumeno/utils/agent_skills.*.so")
 if absent:
