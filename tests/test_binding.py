@@ -47,7 +47,9 @@ OTHER = {
     "DEFAULT_AGENTS": lambda mod: ("copilot",),
     "AGENT_SKILL_ROOTS": lambda mod: dict(list(m.AGENT_SKILL_ROOTS.items())[::-1]),
     "_EXHAUSTIVE_SEARCH_LIMIT": lambda mod: 1,
-    "_UNREADABLE": lambda mod: {"x"},
+    "_UNREADABLE": lambda mod: type(
+        "Counted", (set,), {"add": lambda s, k: LOG.append("add") or set.add(s, k)}
+    )(),
     "_PLAIN_WORD": lambda mod: re.compile("a b"),
 }
 FUNCTIONS = [name for name, f in vars(m).items() if type(f) is type(m.read_stamp)] + ["InstalledSkill"]
