@@ -80,12 +80,15 @@ def install(base: Path, skills_dirs: Iterable[str], options: Options) -> Iterato
 def _install_one(skills_dir: Path, skill: str, files: dict[str, bytes], options: Options) -> Outcome:
     place = skills_dir / skill
     try:
-        writes = _plan(skills_dir, skill, files, options)
+        root, writes = _plan(skills_dir, skill, files, options)
         if options.dry_run:
             return Outcome("would write" if writes else "unchanged", place)
         for target, data in writes:
-            target.parent.mkdir(parents=True, exist_ok=True)
-            _replace(target, data, options.version if target.name == SKILL_FILE else None)
+            directory = _open_below(root, target.parent)
+            try:
+                _replace(directory, target, data, options.version if target.name == SKILL_FILE else None)
+            finally:
+                os.close(directory)
         return Outcome("written" if writes else "unchanged", place)
     except Refused as refusal:
         return Outcome("refused", place, str(refusal))
@@ -95,12 +98,13 @@ def _install_one(skills_dir: Path, skill: str, files: dict[str, bytes], options:
 
 def _plan(
     skills_dir: Path, skill: str, files: dict[str, bytes], options: Options
-) -> list[tuple[Path, bytes]]:
-    """The files of one skill that differ from what is installed; refuses before anything is written."""
+) -> tuple[Path, list[tuple[Path, bytes]]]:
+    """The resolved skills directory, and the files of one skill that differ from what is installed there;
+    refuses before anything is written."""
     if not options.dry_run:
         skills_dir.mkdir(parents=True, exist_ok=True)
     root = skills_dir.resolve(strict=not options.dry_run)
-    real_dir = _skill_dir(root, skill, create=not options.dry_run)
+    real_dir = _skill_dir(root, skill)
     writes = []
     for name, data in files.items():
         target = real_dir / name
@@ -109,10 +113,10 @@ def _plan(
             if name == SKILL_FILE and old is not None and not options.force:
                 _refuse_downgrade(old[0], options.version)
             writes.append((target, data))
-    return writes
+    return root, writes
 
 
-def _skill_dir(root: Path, skill: str, *, create: bool) -> Path:
+def _skill_dir(root: Path, skill: str) -> Path:
     """The real directory of ``skill`` under the resolved skills directory ``root``."""
     real = agent_skills.inside_root(root, root / skill, strict=False)
     if real is None:
@@ -126,8 +130,6 @@ def _skill_dir(root: Path, skill: str, *, create: bool) -> Path:
         linked = other != skill and real != root / skill
         if linked and agent_skills.inside_root(root, root / other, strict=False) == real:
             raise Refused(f"it is a link to the directory of the skill {other!r}; nothing written")
-    if create:
-        real.mkdir(parents=True, exist_ok=True)
     return real
 
 
@@ -155,13 +157,33 @@ def _refuse_downgrade(installed: Path, version: str) -> None:
         )
 
 
-def _replace(target: Path, data: bytes, stamp: str | None) -> None:
-    """Replace ``target`` (or a link in its place, never what the link points to) atomically.
+def _open_below(root: Path, directory: Path) -> int:
+    """A descriptor of ``directory``, reached from the resolved ``root`` one component at a time, each made
+    where it is missing, none followed if it is a link: a component swapped for a link after the checks fails
+    the write instead of sending it elsewhere."""
+    descriptor = os.open(root, os.O_RDONLY | os.O_DIRECTORY | os.O_NOFOLLOW)
+    try:
+        for part in directory.relative_to(root).parts:
+            with contextlib.suppress(FileExistsError):
+                os.mkdir(part, dir_fd=descriptor)
+            parent, descriptor = (
+                descriptor,
+                os.open(part, os.O_RDONLY | os.O_DIRECTORY | os.O_NOFOLLOW, dir_fd=descriptor),
+            )
+            os.close(parent)
+    except BaseException:
+        os.close(descriptor)
+        raise
+    return descriptor
 
-    A failure, an interruption included, leaves the old file as it was and no temporary file behind.
-    """
-    temporary = target.with_name(f".{target.name}.{secrets.token_hex(4)}.tmp")
-    descriptor = os.open(temporary, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o666)
+
+def _replace(directory: int, target: Path, data: bytes, stamp: str | None) -> None:
+    """Replace ``target``, in the open ``directory`` (or a link in its place, never what the link points to),
+    atomically. A failure, an interruption included, leaves the old file as it was and no temporary file
+    behind."""
+    temporary = f".{target.name}.{secrets.token_hex(4)}.tmp"
+    flags = os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW
+    descriptor = os.open(temporary, flags, 0o666, dir_fd=directory)
     try:
         with os.fdopen(descriptor, "wb") as file:
             file.write(data)
@@ -169,21 +191,13 @@ def _replace(target: Path, data: bytes, stamp: str | None) -> None:
             os.fsync(file.fileno())
         # The survey must read back exactly the version written; a version it cannot read is a fault of
         # the package, caught before any installed file changes.
-        if stamp is not None and agent_skills.read_stamp(temporary) != stamp:
+        if stamp is not None and agent_skills.read_stamp(target.with_name(temporary)) != stamp:
             raise Refused(f"the package's version {stamp!r} does not read back as a stamp")
-        os.replace(temporary, target)
+        os.replace(temporary, target.name, src_dir_fd=directory, dst_dir_fd=directory)
     except BaseException:
         with contextlib.suppress(OSError):
-            os.unlink(temporary)
+            os.unlink(temporary, dir_fd=directory)
         raise
-    _sync_directory(target.parent)
-
-
-def _sync_directory(directory: Path) -> None:
     # Makes the rename durable; some file systems cannot sync a directory, and the file is whole anyway.
     with contextlib.suppress(OSError):
-        descriptor = os.open(directory, os.O_RDONLY | os.O_DIRECTORY)
-        try:
-            os.fsync(descriptor)
-        finally:
-            os.close(descriptor)
+        os.fsync(directory)
