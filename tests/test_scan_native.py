@@ -18,7 +18,11 @@ OUTSIDE = "version: 6.6.6\n"
 DIR_KINDS = ["dir"] * 5 + ["missing", "link in", "link out", "file", "loop", "dangling"]
 # Where a SKILL.md that is a link leads ("out" stands for the stamped file outside the tree's skills).
 LINKS = {"link in": "../store/SKILL.md", "link out": "out", "dangling": "gone", "loop": "SKILL.md"}
-LINKS |= {"dotdot": "../../{skills}/store/../store/SKILL.md", "chain": "one", "name too long": "x" * 300}
+LINKS |= {
+    "dotdot": ".//./../../{skills}/store/./../store/SKILL.md",
+    "chain": "one",
+    "name too long": "x" * 300,
+}
 LINKS |= {"device": "/dev/zero", "non-UTF-8": os.fsdecode(b"n\xffm")}
 SKILL_KINDS = ["file"] * 4 + ["missing", "fifo", "dir", "dir out", "after head", *LINKS]
 OPENED = []  # filled only while a survey records: a hook cannot be removed, and would grow forever

@@ -58,7 +58,7 @@ def test_import_afresh_after_failing_and_under_another_name(tmp_path):
     shutil.copy(m.__file__, tmp_path)
     plain_path = pathlib.Path(__file__).parents[1] / "bench" / "plain_agent_skills.py"
     script = f"""
-        import builtins, importlib, importlib.util, json, sys
+        import builtins, importlib, importlib.util, json, sys, types
         sys.path.insert(0, {str(tmp_path)!r})
         import zobek_lumeno
 
@@ -70,6 +70,14 @@ def test_import_afresh_after_failing_and_under_another_name(tmp_path):
 
         del zobek_lumeno.__spec__._initializing  # asked for the error's wording; its absence is no error
         no_version = attempt()
+        file, zobek_lumeno.__file__ = zobek_lumeno.__file__, None
+        no_place = attempt()
+        zobek_lumeno.__file__ = file
+        nameless = types.ModuleType("typing")
+        del nameless.__name__
+        saved, sys.modules["typing"] = sys.modules["typing"], nameless
+        no_name = attempt()
+        sys.modules["typing"] = saved
         zobek_lumeno.__version__ = "9.8.7"
         saved, sys.modules["itertools"] = sys.modules["itertools"], None
         blocked = attempt()
@@ -95,7 +103,7 @@ def test_import_afresh_after_failing_and_under_another_name(tmp_path):
         import agent_skills as top
         order = [[n for n in vars(mod) if not n.startswith("__") or n == "__version__"] for mod in (m, plain)]
         print(json.dumps(dict(
-            no_version=no_version, blocked=blocked, refused=refused, missing=missing, calls=calls, order=order,
+            no_version=no_version, no_place=no_place, no_name=no_name, blocked=blocked, refused=refused, missing=missing, calls=calls, order=order,
             first=list(vars(m))[:8], unreadable=repr(m._UNREADABLE),
             state=[m.__version__, m.skill_capable_agents(), sys.modules[{MODULE!r}] is m, m.__file__],
             top=[top.__name__, top.__package__, top.logger.name, top.read_roots.__module__, top is m],
@@ -106,6 +114,10 @@ def test_import_afresh_after_failing_and_under_another_name(tmp_path):
     report, init = json.loads(done.stdout), str(package / "__init__.py")
     message = f"cannot import name '__version__' from 'zobek_lumeno' ({init})"
     assert report["no_version"] == ["ImportError", message, "zobek_lumeno", init, False]
+    unknown = "cannot import name '__version__' from '{}' (unknown location)"
+    assert report["no_place"] == ["ImportError", unknown.format("zobek_lumeno"), "zobek_lumeno", None, False]
+    nameless = "cannot import name 'NamedTuple' from '<unknown module name>' (unknown location)"
+    assert report["no_name"] == ["ImportError", nameless, None, None, False]
     halted = "import of itertools halted; None in sys.modules"
     assert report["blocked"] == ["ModuleNotFoundError", halted, "itertools", None, False]
     assert report["refused"] == ["ImportError", "refused", None, None, False]
