@@ -353,11 +353,9 @@ int join_real(std::string& path, std::string_view rest, Resolution& r) {
 int realpath(std::string& path, std::string_view rest, Resolution& r) {
     if (int error = join_real(path, rest, r)) return error;
     if (path.empty() || path.front() != '/') {
+        // A working directory longer than PATH_MAX fails with ERANGE: the plain route answers then.
         std::string cwd(PATH_MAX, '\0');
-        while (::getcwd(cwd.data(), cwd.size()) == nullptr) {
-            if (errno != ERANGE) return errno;
-            cwd.resize(cwd.size() * 2);
-        }
+        if (::getcwd(cwd.data(), cwd.size()) == nullptr) return errno;
         cwd.resize(cwd.find('\0'));
         join(cwd, path);
         path = std::move(cwd);

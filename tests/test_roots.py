@@ -71,11 +71,17 @@ class Listed(Minimal):
         return True
 
 
+def unpaired(item):
+    """A table whose items() yields something else than a key and a record, to unpack as `for` would."""
+    return type("Unpaired", (Minimal,), {"items": lambda self: [("claude", self.table["amp"]), item]})
+
+
 TABLES = {
     "dict": dict,
     "proxy": types.MappingProxyType,
     "minimal": Minimal,
     "listed": Listed,  # a record of None, or no record at all, is what indexing says it is
+    **{f"item {item!r}": unpaired(item) for item in (7, ("claude",), ("a", "b", "c"), ())},
 }
 
 

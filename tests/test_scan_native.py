@@ -23,7 +23,7 @@ LINKS |= {
     "chain": "one",
     "name too long": "x" * 300,
 }
-LINKS |= {"device": "/dev/zero", "non-UTF-8": os.fsdecode(b"n\xffm")}
+LINKS |= {"device": "/dev/zero", "non-UTF-8": os.fsdecode(b"n\xffm"), "up": ".."}  # "..": the skills dir
 SKILL_KINDS = ["file"] * 4 + ["missing", "fifo", "dir", "dir out", "after head", *LINKS]
 OPENED = []  # filled only while a survey records: a hook cannot be removed, and would grow forever
 RECORDING = threading.Event()

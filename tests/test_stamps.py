@@ -100,6 +100,8 @@ def test_version_tuple_asks_anything_but_str_to_split():
     assert m.version_tuple(odd) == (7, 0)
     with pytest.raises(TypeError, match=r"^expected string or bytes-like object, got 'int'$"):
         m.version_tuple(type("Odd", (), {"split": lambda self, sep: [5]})())
+    with pytest.raises(TypeError, match=r"^cannot use a string pattern on a bytes-like object$"):
+        m.version_tuple(type("Odd", (), {"split": lambda self, sep: [b"5"]})())
 
 
 LINKS = {"out": "../outside", "hop": "../outside/back", "l1": "l2", "l2": "l1"}
