@@ -4,9 +4,8 @@ Run after installing the package: python bench/bench_choice.py
 """
 
 import gc
-import statistics
 
-from benchlib import interleaved, load_plain, ratios, spread
+from benchlib import interleaved, load_plain, report
 from zobek_lumeno.utils import agent_skills as m
 
 plain = load_plain()
@@ -20,12 +19,8 @@ def compare(title, keys, number):
     t_native, t_plain = interleaved(
         [lambda: m.resolve_skill_dirs(keys), lambda: plain.resolve_skill_dirs(keys)], number, BATCHES
     )
-    ratio = ratios(t_plain, t_native)
-    print(f"{title} (us per call; {BATCHES} batches)  -> {native[:3]}{' ...' if len(native) > 3 else ''}")
-    print(f"  native         {spread(t_native, 1e-6, 3)}")
-    print(f"  plain Python   {spread(t_plain, 1e-6, 3)}")
-    print(f"  plain/native   {spread(ratio, digits=1)}")
-    return statistics.median(ratio)
+    shown = f"{native[:3]}{' ...' if len(native) > 3 else ''}"
+    return report(f"{title} (us per call; {BATCHES} batches)  -> {shown}", t_native, t_plain, digits=3)
 
 
 def rss_kib():

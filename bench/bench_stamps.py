@@ -6,7 +6,7 @@ system, is measured with the survey by ``bench/bench_survey.py``.
 
 import statistics
 
-from benchlib import interleaved, load_plain, ratios, spread
+from benchlib import interleaved, load_plain, report
 from zobek_lumeno.utils import agent_skills as native
 
 plain = load_plain()
@@ -22,11 +22,8 @@ def main():
     # Each batch's mean over the versions, so a ratio compares batches that ran side by side.
     t_native = [statistics.mean(batch) for batch in zip(*times[: len(VERSIONS)], strict=True)]
     t_plain = [statistics.mean(batch) for batch in zip(*times[len(VERSIONS) :], strict=True)]
-    ratio = ratios(t_plain, t_native)
-    print(f"version_tuple, mean over {', '.join(VERSIONS)} (us per call; {BATCHES} batches)")
-    print(f"  native         {spread(t_native, 1e-6, 3)}")
-    print(f"  plain Python   {spread(t_plain, 1e-6, 3)}")
-    print(f"  plain/native   {spread(ratio)}")
+    title = f"version_tuple, mean over {', '.join(VERSIONS)} (us per call; {BATCHES} batches)"
+    report(title, t_native, t_plain, digits=3)
 
 
 if __name__ == "__main__":

@@ -25,7 +25,7 @@ import sys
 import tempfile
 from pathlib import Path
 
-from benchlib import BENCH, interleaved, load_plain, populate, ratios, skill_file, spread
+from benchlib import BENCH, interleaved, load_plain, populate, ratios, report, skill_file, spread
 from zobek_lumeno.utils import agent_skills as native
 
 plain = load_plain()
@@ -137,12 +137,8 @@ def bench_read_stamp(workdir):
     t_native, t_plain = interleaved(
         [lambda: native.read_stamp(path), lambda: plain.read_stamp(path)], STAMPS, STAMP_BATCHES
     )
-    ratio = ratios(t_plain, t_native)
-    print(f"read_stamp: one {path.stat().st_size:,}-byte SKILL.md (us per call; {STAMP_BATCHES} batches)")
-    print(f"  native         {spread(t_native, 1e-6)}")
-    print(f"  plain Python   {spread(t_plain, 1e-6)}")
-    print(f"  plain/native   {spread(ratio)}")
-    return statistics.median(ratio)
+    title = f"read_stamp: one {path.stat().st_size:,}-byte SKILL.md (us per call; {STAMP_BATCHES} batches)"
+    return report(title, t_native, t_plain)
 
 
 # Run in a fresh interpreter: imports `first`, then times the import of `module` alone.

@@ -68,3 +68,13 @@ def spread(values, unit=1.0, digits=2):
     low, high = min(values) / unit, max(values) / unit
     d = digits
     return f"{median:8.{d}f}  (IQR {q1:.{d}f}-{q3:.{d}f}, range {low:.{d}f}-{high:.{d}f})"
+
+
+def report(title, t_native, t_plain, digits=2):
+    """Prints both timings and their ratio, batch by batch; returns the ratio's median."""
+    ratio = ratios(t_plain, t_native)
+    print(title)
+    print(f"  native         {spread(t_native, 1e-6, digits)}")
+    print(f"  plain Python   {spread(t_plain, 1e-6, digits)}")
+    print(f"  plain/native   {spread(ratio, digits=min(digits, 2))}")
+    return statistics.median(ratio)
