@@ -94,6 +94,26 @@ def test_long_digit_runs_exact(length):
     assert m.version_tuple(f"00{run}x.{run}") == (exact, exact)
 
 
+class Unsized:
+    """A file whose read gives what decodes but has no length, as a replaced `open` may give."""
+
+    def open(self, mode):
+        return self
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        return None
+
+    def read(self, size):
+        return type("Head", (), {"decode": lambda s, *a: "version: 1.0\n", "__len__": lambda s: 1 // 0})()
+
+
+def test_read_stamp_of_what_any_open_gives(plain, outcome):
+    assert outcome(m.read_stamp, Unsized()) == outcome(plain.read_stamp, Unsized())
+
+
 def test_version_tuple_asks_anything_but_str_to_split():
     odd = type("Text", (str,), {})("1.2")
     odd.split = lambda sep: ["7", "x"]
