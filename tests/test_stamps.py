@@ -103,8 +103,7 @@ class Unsized:
     def __enter__(self):
         return self
 
-    def __exit__(self, *exc):
-        return None
+    __exit__ = classmethod(lambda cls, *exc: None)  # found on the type, bound to it: not a plain method
 
     def read(self, size):
         return type("Head", (), {"decode": lambda s, *a: "version: 1.0\n", "__len__": lambda s: 1 // 0})()
