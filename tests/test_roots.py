@@ -81,7 +81,7 @@ TABLES = {
     "proxy": types.MappingProxyType,
     "minimal": Minimal,
     "listed": Listed,  # a record of None, or no record at all, is what indexing says it is
-    **{f"item {item!r}": unpaired(item) for item in (7, ("claude",), ("a", "b", "c"), ())},
+    **{f"item {item!r}": unpaired(item) for item in (7, ("claude",), ("a", "b", "c"), (), ["duo", None])},
 }
 
 

@@ -3,6 +3,7 @@ import io
 import os
 import pathlib
 import random
+import typing
 
 import pytest
 
@@ -103,7 +104,8 @@ class Unsized:
     def __enter__(self):
         return self
 
-    __exit__ = classmethod(lambda cls, *exc: None)  # found on the type, bound to it: not a plain method
+    exits: typing.ClassVar[list] = []
+    __exit__ = classmethod(lambda cls, *exc: cls.exits.append(exc))  # bound to the class: no plain method
 
     def read(self, size):
         return type("Head", (), {"decode": lambda s, *a: "version: 1.0\n", "__len__": lambda s: 1 // 0})()
@@ -111,6 +113,7 @@ class Unsized:
 
 def test_read_stamp_of_what_any_open_gives(plain, outcome):
     assert outcome(m.read_stamp, Unsized()) == outcome(plain.read_stamp, Unsized())
+    assert Unsized.exits == [(None, None, None)] * 2
 
 
 def test_version_tuple_asks_anything_but_str_to_split():

@@ -152,6 +152,7 @@ def test_functions_as_python_makes_them(plain, qualname):
     typing.get_type_hints(f)  # the annotation texts resolve in the module's namespace
     assert repr(f).startswith(f"<function {qualname} at 0x") and pydoc_body(f) == pydoc_body(reference)
     assert weakref.ref(f)() is f and copy.copy(f) is f and copy.deepcopy(f) is f
+    assert type(f).__itemsize__ == 0 and sys.getsizeof(f) < 1024
     if "." in qualname:
         with pytest.raises(pickle.PicklingError, match=f"not the same object as {MODULE}.{qualname}$"):
             pickle.dumps(f)
