@@ -96,7 +96,7 @@ CASES = {
     "mixed types": {**table(a=(1, C), b=(C, 1)), "read_roots": lambda r: [1, C]},
     "set of roots": {**table(a={C}), "_EXHAUSTIVE_SEARCH_LIMIT": 0},
     "reversed": {"read_roots": lambda r: RR(r)[::-1]},
-    "first two swapped": {"read_roots": lambda r: RR(r)[1::-1] + RR(r)[2:]},
+    "first two swapped": {**table(a=(C, CU), b=(CU, C)), "read_roots": lambda r: RR(r)[1::-1] + RR(r)[2:]},
     "repeated": {"read_roots": lambda r: RR(r) * 2},
     "missing one": {"read_roots": lambda r: RR(r)[1:]},
     "tuple": {"read_roots": lambda r: tuple(RR(r))},

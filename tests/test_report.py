@@ -23,16 +23,10 @@ def test_command_lines():
         'zobek-lumeno --repo-root "/work/my app" skill install --scope project --agent copilot'
     )
     assert m._update_command("user", ".cursor/skills", Path("/x")) == CMD + "user --agent cursor-agent"
-    assert (
-        m._update_command("project", ".claude/skills", Path("repo"))
-        == "zobek-lumeno --repo-root repo " + CMD[13:] + "project"
-    )
-    assert [m._shell_word(w) for w in ("C:/a-2.1+b", "/dév/٣_x", "~/a", "")] == [
-        "C:/a-2.1+b",
-        "/dév/٣_x",
-        '"~/a"',
-        '""',
-    ]
+    relative = "zobek-lumeno --repo-root repo " + CMD[13:] + "project"
+    assert m._update_command("project", ".claude/skills", Path("repo")) == relative
+    words = ["C:/a-2.1+b", "/dév/٣_x", "~/a", ""]
+    assert list(map(m._shell_word, words)) == [*words[:2], '"~/a"', '""']
 
 
 @pytest.mark.parametrize("order, named", [(["zed", "amp"], "zed"), (["amp", "zed"], "amp")])

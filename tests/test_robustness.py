@@ -162,13 +162,8 @@ def test_threads_survey_alike_and_log_each_unreadable_once(tree, monkeypatch, ca
 
 
 def run_python(code, **env):
-    done = subprocess.run(
-        [sys.executable, "-c", textwrap.dedent(code)],
-        capture_output=True,
-        text=True,
-        timeout=300,
-        env=os.environ | env,
-    )
+    command = [sys.executable, "-c", textwrap.dedent(code)]
+    done = subprocess.run(command, capture_output=True, text=True, timeout=300, env=os.environ | env)
     assert done.returncode == 0, done.stderr
     return done.stdout
 

@@ -67,13 +67,8 @@ def test_logger_and_origin(monkeypatch, logger, origin):
     monkeypatch.setattr(m, "_UNREADABLE", set())
     warn_once()
     [record] = records
-    assert len(made) == 1 and {"the home directory"} == m._UNREADABLE
-    assert (record.name, record.levelno, record.msg, record.args) == (
-        logger.name,
-        30,
-        MSG,
-        ("the home directory",),
-    )
+    assert len(made) == 1 and {home := "the home directory"} == m._UNREADABLE
+    assert (record.name, record.levelno, record.msg, record.args) == (logger.name, 30, MSG, (home,))
     assert (record.exc_info[0], record.funcName, record.pathname) == (PermissionError, *origin)
 
 
@@ -136,10 +131,8 @@ def test_tracebacks_pass_through_the_module_functions(base, caplog, monkeypatch)
     monkeypatch.setattr(m, "SKILL_FILE", "mem")
     assert m._stamp_inside(pathlib.Path(f"/proc/{os.getpid()}"), ".") is None
     [record] = caplog.records
-    assert (record.exc_info[0], names(record.exc_info[2])) == (
-        OSError,
-        [("_stamp_inside", 0), ("read_stamp", 0)],
-    )
+    frames = [("_stamp_inside", 0), ("read_stamp", 0)]
+    assert (record.exc_info[0], names(record.exc_info[2])) == (OSError, frames)
 
     def failing(path):
         raise ValueError("not a file-system failure")
@@ -148,11 +141,8 @@ def test_tracebacks_pass_through_the_module_functions(base, caplog, monkeypatch)
     monkeypatch.setattr(pathlib.Path, "is_file", failing)
     with pytest.raises(ValueError) as caught:
         m._stamps_in(base / "skills")
-    assert [name for name, _ in names(caught.value.__traceback__)[1:]] == [
-        "_stamps_in",
-        "_stamp_inside",
-        "failing",
-    ]
+    frames = [name for name, _ in names(caught.value.__traceback__)[1:]]
+    assert frames == ["_stamps_in", "_stamp_inside", "failing"]
     with pytest.raises(TypeError) as caught:  # refused before the body runs: no frame of its own
         m._stamps_in()
     assert names(caught.value.__traceback__)[1:] == []

@@ -6,6 +6,7 @@ import logging
 import os
 import pathlib
 import random
+import re
 import sys
 import threading
 
@@ -37,12 +38,9 @@ def make_skill(rng, skills, name, out):
     elif kind != "missing":
         path.parent.mkdir()
     if kind == "file":  # about the head's size, with the stamp where the head may cut it
-        size, stamp = (
-            rng.choice([99, 2047, 2048, 2049, 4000]),
-            f"\nversion: {rng.randint(0, 20)}.0\n".encode(),
-        )
+        size, stamp = rng.choice([99, 2047, 2048, 2049, 4000]), f"\nversion: {rng.randint(0, 20)}.0\n"
         data, at = b"\xff" + b"#" * size, max(0, rng.choice([1, 900, size - 14, size - 15, size - 16]))
-        path.write_bytes((data[:at] + stamp + data[at:])[: rng.choice([size, size + 40])])
+        path.write_bytes((data[:at] + stamp.encode() + data[at:])[: rng.choice([size, size + 40])])
     elif kind == "dir":
         path.mkdir()
     elif kind == "fifo":
@@ -65,10 +63,11 @@ def build(rng, base):
         for i, root in enumerate(m.read_roots(m.agent_roots(m.skill_capable_agents(), scope))):
             skills, kind = at / root, rng.choice(DIR_KINDS)
             skills.parent.mkdir(parents=True, exist_ok=True)
+            if kind == "file":
+                skills.write_text("x")
+            if kind in ("loop", "dangling"):
+                skills.symlink_to(skills.name if kind == "loop" else "no")
             if kind in ("file", "loop", "dangling"):
-                skills.symlink_to(
-                    {"loop": skills.name, "dangling": "no"}[kind]
-                ) if kind != "file" else skills.write_text("x")
                 continue
             if kind.startswith("link"):
                 target = (at if kind == "link in" else out) / f"{scope}{i}"
@@ -122,6 +121,15 @@ def skills(tmp_path):
     (skills / "lumeno-map").mkdir()
     (skills / "lumeno-map/SKILL.md").symlink_to("../store/SKILL.md")
     return skills
+
+
+def test_a_skills_directory_that_is_the_file_system_root(monkeypatch, plain):
+    # As reached through a link to "/": a skill's path below it starts right after that one slash.
+    for module in (m, plain):
+        monkeypatch.setattr(module, "SKILL_NAMES", ("proc",))
+        monkeypatch.setattr(module, "SKILL_FILE", "version")
+        monkeypatch.setattr(module, "_VERSION_RE", re.compile("^(Linux) version"))
+    assert m._stamps_in(pathlib.Path("/")) == plain._stamps_in(pathlib.Path("/")) == {"proc": "Linux"}
 
 
 def test_under_a_fake_file_system_the_host_objects_answer(monkeypatch):

@@ -36,21 +36,10 @@ def test_read_stamp(tmp_path, data, expected):
     assert m.read_stamp(tmp_path / "SKILL.md") == expected == m.read_stamp(path=tmp_path / "SKILL.md")
 
 
-@pytest.mark.parametrize(
-    "name, size",
-    [
-        ("dir", N),
-        ("missing", N),
-        ("a\0b", N),
-        ("f", 12),
-        ("f", 13),
-        ("f", 0),
-        ("f", None),
-        ("f", -2),
-        ("f", 2.5),
-        ("f", 2**70),
-    ],
-)
+SIZES = [("dir", N), ("missing", N), ("a\0b", N)] + [("f", n) for n in (12, 13, 0, None, -2, 2.5, 2**70)]
+
+
+@pytest.mark.parametrize("name, size", SIZES)
 def test_one_read_of_the_bound_head_size_then_closed(tmp_path, monkeypatch, plain, outcome, name, size):
     (tmp_path / "dir").mkdir()
     (tmp_path / "f").write_bytes(b"version: 1.0\n" * 1000)
@@ -95,8 +84,11 @@ def test_long_digit_runs_exact(length):
     assert m.version_tuple(f"00{run}x.{run}") == (exact, exact)
 
 
-class Unsized:
-    """A file whose read gives what decodes but has no length, as a replaced `open` may give."""
+class Opened:
+    """What a replaced `open` may give: a head that decodes, with or without a length."""
+
+    def __init__(self, length):
+        self.length = length
 
     def open(self, mode):
         return self
@@ -108,12 +100,18 @@ class Unsized:
     __exit__ = classmethod(lambda cls, *exc: cls.exits.append(exc))  # bound to the class: no plain method
 
     def read(self, size):
-        return type("Head", (), {"decode": lambda s, *a: "version: 1.0\n", "__len__": lambda s: 1 // 0})()
+        head = {"decode": lambda s, *a: "#\nversion: 2.0", "__len__": lambda s: self.length()}
+        return type("Head", (), head)()
 
 
-def test_read_stamp_of_what_any_open_gives(plain, outcome):
-    assert outcome(m.read_stamp, Unsized()) == outcome(plain.read_stamp, Unsized())
-    assert Unsized.exits == [(None, None, None)] * 2
+@pytest.mark.parametrize(
+    "length, found", [(lambda: 1 // 0, ZeroDivisionError), (lambda: 13, "2.0"), (lambda: N, None)]
+)
+def test_read_stamp_of_what_any_open_gives(plain, outcome, length, found):
+    Opened.exits.clear()
+    expected = outcome(plain.read_stamp, Opened(length))
+    assert outcome(m.read_stamp, Opened(length)) == expected and found in expected[:2]
+    assert Opened.exits == [(None, None, None)] * 2
 
 
 def test_version_tuple_asks_anything_but_str_to_split():

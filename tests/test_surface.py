@@ -38,11 +38,8 @@ def test_names_and_values(plain, monkeypatch):
         if not name.startswith("__") and name not in QUALNAMES + ["InstalledSkill", "SkillRoots", "logger"]:
             assert (getattr(m, name), type(getattr(m, name))) == (value, type(value)), name
     assert m.logger is plain.logger and all(type(v) is str for v in m.SKILL_NAMES + m.DEFAULT_AGENTS)
-    assert list(map(id, m.SKILL_NAMES)) == [
-        id(m.SKILL_DIR_NAME),
-        id(m.MAP_SKILL_DIR_NAME),
-        id(m.WIKI_SKILL_DIR_NAME),
-    ]
+    names = [m.SKILL_DIR_NAME, m.MAP_SKILL_DIR_NAME, m.WIKI_SKILL_DIR_NAME]
+    assert list(map(id, m.SKILL_NAMES)) == list(map(id, names))
     monkeypatch.setattr(zobek_lumeno, "__version__", "0.0.0-other")
     assert m.__version__ == "1.5.0"  # copied once, at import
 
@@ -58,7 +55,7 @@ def test_import_afresh_after_failing_and_under_another_name(tmp_path):
     shutil.copy(m.__file__, tmp_path)
     plain_path = pathlib.Path(__file__).parents[1] / "bench" / "plain_agent_skills.py"
     script = f"""
-        import builtins, importlib, importlib.util, json, sys, types
+        import builtins, importlib, importlib.util, json, logging, sys, types
         sys.path.insert(0, {str(tmp_path)!r})
         import zobek_lumeno
 
@@ -101,11 +98,20 @@ def test_import_afresh_after_failing_and_under_another_name(tmp_path):
         plain = importlib.util.module_from_spec(spec)
         spec.loader.exec_module(plain)
         import agent_skills as top
+        # Executed with no text for __file__: its warnings name the module instead.
+        fileless = importlib.util.module_from_spec(importlib.util.find_spec({MODULE!r}))
+        fileless.__file__, made = None, []
+        fileless.__spec__.loader.exec_module(fileless)
+        fileless.logger = logging.getLogger("fileless")
+        fileless.logger.addHandler(handler := logging.Handler())
+        handler.emit = made.append
+        fileless._say_unreadable("x")
         order = [[n for n in vars(mod) if not n.startswith("__") or n == "__version__"] for mod in (m, plain)]
         print(json.dumps(dict(
             no_version=no_version, no_place=no_place, no_name=no_name, blocked=blocked, refused=refused, missing=missing, calls=calls, order=order,
             first=list(vars(m))[:8], unreadable=repr(m._UNREADABLE),
             state=[m.__version__, m.skill_capable_agents(), sys.modules[{MODULE!r}] is m, m.__file__],
+            fileless=made[0].pathname,
             top=[top.__name__, top.__package__, top.logger.name, top.read_roots.__module__, top is m],
         )))
     """
@@ -126,11 +132,10 @@ def test_import_afresh_after_failing_and_under_another_name(tmp_path):
     imports += [["pathlib", ["Path"]], ["typing", ["NamedTuple"]], ["zobek_lumeno", ["__version__"]]]
     assert report["calls"] == [[name, True, names, 0] for name, names in imports] * 2
     assert report["order"][0] == report["order"][1] and report["unreadable"] == "set()"
-    assert report["first"] == ["__name__", "__doc__", "__package__", "__loader__", "__spec__", "__file__"] + [
-        "__builtins__",
-        "__annotations__",
-    ]
+    first = "__name__ __doc__ __package__ __loader__ __spec__ __file__ __builtins__ __annotations__"
+    assert report["first"] == first.split()
     assert report["state"] == ["9.8.7", ["claude", "cursor-agent", "windsurf", "copilot"], True, m.__file__]
+    assert report["fileless"] == MODULE
     assert report["top"] == ["agent_skills", "", "agent_skills", "agent_skills", False]
 
 
