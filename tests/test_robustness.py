@@ -2,6 +2,7 @@
 and across re-imports."""
 
 import gc
+import json
 import os
 import pathlib
 import subprocess
@@ -258,3 +259,31 @@ def test_no_crash(script):
     prelude = "import pathlib, threading\nfrom zobek_lumeno.utils import agent_skills as m\n"
     expected = "RecursionError" if "recurse" in script else "FileNotFoundError"
     assert run_python(prelude + textwrap.dedent(script)).strip() == expected
+
+
+@pytest.mark.parametrize("module", ["zobek_lumeno.utils.agent_skills", "plain_agent_skills"])
+def test_out_of_file_descriptors_the_survey_warns(tmp_path, module):
+    """Every descriptor taken: the native route hands the directory to the host's objects, whose errors
+    are logged; nothing is answered silently."""
+    (tmp_path / "lumeno").mkdir()
+    (tmp_path / "lumeno/SKILL.md").write_text("version: 1.0\n")
+    found = run_python(
+        f"""
+        import errno, importlib, json, logging, os, pathlib, sys
+        sys.path.insert(0, {str(pathlib.Path(__file__).parents[1] / "bench")!r})
+        m, warned = importlib.import_module({module!r}), []
+        m.logger.addHandler(handler := logging.Handler())
+        handler.emit = lambda r: warned.append([r.args[0], r.exc_info[1].errno == errno.EMFILE])
+        held = []
+        while not held or held[-1] is not None:
+            try:
+                held.append(os.open("/", os.O_RDONLY))
+            except OSError:
+                held.append(None)
+        stamps = m._stamps_in(pathlib.Path({str(tmp_path)!r}))
+        for fd in held[:-1]:
+            os.close(fd)
+        print(json.dumps([stamps, warned]))
+        """
+    )
+    assert json.loads(found) == [dict.fromkeys(m.SKILL_NAMES), [[str(tmp_path / "lumeno/SKILL.md"), True]]]
