@@ -1,15 +1,13 @@
-"""The zobek-lumeno program: status, then the printed update lines, then status again; every refusal of
-the installer; the six states; and its arguments."""
+"""The zobek-lumeno program: status, its update lines run as printed, the installer's refusals, arguments."""
 
+import contextlib
 import errno
-import functools
 import json
 import os
-import re
+import shlex
 import subprocess
 import sys
 import sysconfig
-from pathlib import Path
 
 import pytest
 
@@ -17,7 +15,6 @@ from zobek_lumeno import __version__
 from zobek_lumeno.cli import main
 
 NAMES = ("lumeno", "lumeno-map", "lumeno-wiki")
-STAMP = re.compile(r"^version: (\S+)$", re.MULTILINE)  # the tests' own reading, not the module's
 
 
 def stamp(skill_dir, version, text=None):
@@ -25,111 +22,102 @@ def stamp(skill_dir, version, text=None):
     (skill_dir / "SKILL.md").write_text(text or f"---\nname: {skill_dir.name}\nversion: {version}\n---\n")
 
 
-def stamp_of(path):
-    found = STAMP.search(path.read_text())
-    return found and found[1]
+def stamp_of(path):  # the tests' own reading, not the module's
+    return next((line[9:] for line in path.read_text().split("\n") if line.startswith("version: ")), None)
 
 
 def snapshot(top):
     return {p: os.readlink(p) if p.is_symlink() else p.is_dir() or p.read_bytes() for p in top.rglob("*")}
 
 
+def run(capsys, args, code):
+    assert main(args) == code
+    return capsys.readouterr()
+
+
+def shell(command, cwd, code=0, stdout=subprocess.PIPE):
+    done = subprocess.run(command, shell=True, cwd=cwd, stdout=stdout, stderr=subprocess.PIPE, timeout=120)
+    assert (done.returncode, done.stderr) == (code, b"")
+    return done.stdout and done.stdout.decode()
+
+
 @pytest.fixture
 def repo(tmp_path, monkeypatch):
     """A repository "my app" under tmp_path, the working directory, beside the home directory."""
     (tmp_path / "my app/.git").mkdir(parents=True)
-    (tmp_path / "home").mkdir()
     monkeypatch.setenv("HOME", str(tmp_path / "home"))
     monkeypatch.chdir(tmp_path / "my app")
     return tmp_path / "my app"
 
 
-def test_round_trip_through_the_console_script(tmp_path):
-    home, repo = tmp_path / "home", tmp_path / "my app"
-    repo.mkdir()
+def test_round_trip_through_the_console_script(repo, monkeypatch):
+    """Status finds the stale copies, its update lines run as printed make them current."""
+    (repo / ".git").rmdir()
     (repo / ".git").write_text("gitdir: elsewhere\n")  # a worktree's
-    (repo / "src").mkdir()
-    stale = [home / ".claude/skills", home / ".codeium/windsurf/skills", repo / ".github/skills"]
-    for skill_dir, version in zip([s / "lumeno" for s in stale], ["1.4.0", "1.0", "0.9"], strict=True):
-        stamp(skill_dir, version)
-    stamp(repo / ".windsurf/skills/lumeno", __version__)
-    stamp(repo / ".windsurf/skills/lumeno-map", "1.3")
-    stale.append(repo / ".windsurf/skills")
-    env = {
-        **os.environ,
-        "HOME": str(home),
-        "PATH": f"{sysconfig.get_path('scripts')}{os.pathsep}{os.environ['PATH']}",
-    }
-    shell = functools.partial(
-        subprocess.run, shell=True, env=env, capture_output=True, text=True, timeout=120
-    )
-
+    stale = [repo.parent / "home/.claude/skills", repo.parent / "home/.codeium/windsurf/skills"]
+    stale += [repo / ".github/skills", repo / ".windsurf/skills"]
+    for skills, version in zip(stale, ["1.4.0", "1.0", "0.9", __version__], strict=True):
+        stamp(skills / "lumeno", version)
+    stamp(stale[3] / "lumeno-map", "1.3")
+    monkeypatch.setenv("PATH", f"{sysconfig.get_path('scripts')}{os.pathsep}{os.environ['PATH']}")
     # From a subdirectory: the repository is found by its .git.
-    before = shell("zobek-lumeno status --check", cwd=repo / "src")
-    assert before.returncode == 1 and before.stderr == ""
-    assert f"under the repository {repo} (the nearest directory holding .git)" in before.stdout
-    lines = before.stdout.split("4 stale copies; to update them run:\n")[1].splitlines()
-    assert lines == [
-        "  zobek-lumeno skill install --scope user",
-        "  zobek-lumeno skill install --scope user --agent windsurf",
-        f'  zobek-lumeno --repo-root "{repo}" skill install --scope project --agent copilot',
-        f'  zobek-lumeno --repo-root "{repo}" skill install --scope project --agent windsurf',
-    ]
-    for line in lines:
-        done = shell(line, cwd=tmp_path)
-        assert (done.returncode, done.stderr) == (0, "") and " written" in done.stdout.splitlines()[-1]
-    after = shell("zobek-lumeno status --check --json", cwd=repo)
-    assert after.returncode == 0
+    before = shell("zobek-lumeno status --check", repo / ".github", 1)
+    assert f"under the repository {repo} (the nearest directory holding .git)" in before
+    lines = before.split("4 stale copies; to update them run:\n")[1].splitlines()
+    user = "  zobek-lumeno skill install --scope user"
+    project = f'  zobek-lumeno --repo-root "{repo}" skill install --scope project --agent'
+    assert lines == [user, f"{user} --agent windsurf", f"{project} copilot", f"{project} windsurf"]
+    # A closed pipe is no failure: unbuffered, the first print meets it; buffered, the flush at the end
+    # does, as long as the output fits the pipe's buffer: with the home as repository its paths are short.
+    read, written = os.pipe()
+    os.close(read)
+    python = f"{shlex.quote(sys.executable)} -m zobek_lumeno --repo-root ~"
+    shell(f"PYTHONUNBUFFERED=1 {python} status", repo, 0, written)
+    shell(f"PYTHONUNBUFFERED= {python} status --check", repo, 1, written)
+    os.close(written)
+    assert all(" written" in shell(line, repo.parent).splitlines()[-1] for line in lines)
+    after = json.loads(shell("zobek-lumeno status --check --json", repo))
     assert {stamp_of(d / s / "SKILL.md") for d in stale for s in NAMES} == {__version__}
-    assert {r["state"] for r in json.loads(after.stdout) if Path(r["directory"]) in stale} == {"current"}
-    assert not (home / ".cursor").exists() and not (repo / ".claude").exists()
-    assert "Nothing to do: all 3 skill copies are already those" in shell(lines[0], cwd=repo).stdout
+    assert {r["state"] for r in after if r["directory"] in map(str, stale)} == {"current"}
+    assert not (repo.parent / "home/.cursor").exists() and not (repo / ".claude").exists()
+    assert "Nothing to do: all 3 skill copies are already those" in shell(lines[0], repo)
 
 
-def arrange(kind, skills, outside):
-    lumeno = skills / "lumeno"
-    if kind == "link out":
-        lumeno.symlink_to(outside, target_is_directory=True)
-    elif kind.endswith("SKILL.md link"):  # out of the skills directory, or to a file inside it
-        (skills / "notes.md").write_text("version: 1.4.0\n")
-        lumeno.mkdir()
-        (lumeno / "SKILL.md").symlink_to(outside / "SKILL.md" if kind.startswith("out") else "../notes.md")
-    elif kind == "link to a skill":
-        (skills / "lumeno-map").symlink_to("lumeno")
-    elif kind == "link inside":
-        (skills / "store").mkdir()
-        lumeno.symlink_to("store")
-    elif kind in ("file", "unstamped", "newer"):
-        stamp(
-            lumeno, "9.0", "mine\n" if kind == "unstamped" else None
-        ) if kind != "file" else lumeno.write_text("x")
+INSTALLS = [
+    ("link out", "", "refused written written", "a link leads out of the skills directory"),
+    ("out SKILL.md link", "", "refused written written", "its SKILL.md is a link out of the skills"),
+    # The link is replaced by a file of the skill's own; the file it pointed to is left as it was.
+    ("in SKILL.md link", "", "written written written", ""),
+    ("link to a skill", "", "written refused written", "a link to the directory of the skill 'lumeno'"),
+    ("link inside", "", "written written written", ""),
+    ("file", "", "refused written written", "a file stands where the skill's directory belongs"),
+    ("newer", "", "refused written written", "stamped 9.0, newer than this package's"),
+    ("newer", "--force", "written written written", ""),
+    ("unstamped", "", "refused written written", "its SKILL.md has no version stamp"),
+    ("unstamped", "--force", "written written written", ""),
+    ("none", "--dry-run --agent windsurf", "would would would", ""),
+]
 
 
-@pytest.mark.parametrize(
-    "kind, args, actions, error",
-    [
-        ("link out", [], "refused written written", "a link leads out of the skills directory"),
-        ("out SKILL.md link", [], "refused written written", "its SKILL.md is a link out of the skills"),
-        # The link is replaced by a file of the skill's own; the file it pointed to is left as it was.
-        ("in SKILL.md link", [], "written written written", ""),
-        ("link to a skill", [], "written refused written", "a link to the directory of the skill 'lumeno'"),
-        ("link inside", [], "written written written", ""),
-        ("file", [], "refused written written", "a file stands where the skill's directory belongs"),
-        ("newer", [], "refused written written", "stamped 9.0, newer than this package's"),
-        ("newer", ["--force"], "written written written", ""),
-        ("unstamped", [], "refused written written", "its SKILL.md has no version stamp"),
-        ("unstamped", ["--force"], "written written written", ""),
-        ("none", ["--dry-run", "--agent", "windsurf"], "would would would", ""),
-    ],
-)
+@pytest.mark.parametrize("kind, args, actions, error", INSTALLS)
 def test_install_refusals(repo, capsys, kind, args, actions, error):
     skills, outside = repo / ".claude/skills", repo.parent / "outside"
-    skills.mkdir(parents=True)
+    lumeno, links = skills / "lumeno", {"link out": outside, "link inside": "store"}
     stamp(outside, "0.1")
-    arrange(kind, skills, outside)
+    stamp(skills / "store", "1.4.0")  # no skill of the package's; where the links inside lead
+    if kind in links:
+        lumeno.symlink_to(links[kind])
+    elif kind == "link to a skill":
+        (skills / "lumeno-map").symlink_to("lumeno")
+    elif kind.endswith("SKILL.md link"):  # out of the skills directory, or to a file inside it
+        lumeno.mkdir()
+        (lumeno / "SKILL.md").symlink_to(f"{outside if kind.startswith('out') else '../store'}/SKILL.md")
+    elif kind == "file":
+        lumeno.write_text("x")
+    elif kind != "none":
+        stamp(lumeno, "9.0", "mine\n" if kind == "unstamped" else None)
     before = snapshot(repo.parent)
-    assert main(["skill", "install", *args]) == ("refused" in actions)
-    out, err = capsys.readouterr()
+    out, err = run(capsys, ["skill", "install", *args.split()], "refused" in actions)
     assert [line.split()[0] for line in out.splitlines()[:-1]] == actions.split()
     assert error in err and len(err.splitlines()) == actions.count("refused")
     written = [skills / n for n, action in zip(NAMES, actions.split(), strict=True) if action == "written"]
@@ -142,117 +130,66 @@ def test_install_refusals(repo, capsys, kind, args, actions, error):
 
 
 # Tests run as root, whom permission bits do not stop: a read-only directory is simulated by the error
-# that creating the temporary file there raises.
-@pytest.mark.parametrize(
-    "call, error",
-    [
-        ("replace", OSError(errno.ENOSPC, "No space")),
-        ("replace", KeyboardInterrupt()),
-        ("open", OSError(errno.EROFS, "Read-only")),
-    ],
-)
-def test_failed_write_leaves_the_old_file(repo, monkeypatch, capsys, call, error):
-    skills = repo / ".claude/skills"
+# that creating the temporary file there raises. No code: the user interrupts.
+@pytest.mark.parametrize("call, code", [("replace", errno.ENOSPC), ("replace", None), ("open", errno.EROFS)])
+def test_failed_write_leaves_the_old_file(repo, monkeypatch, capsys, call, code):
+    skills, real = repo / ".claude/skills", getattr(os, call)
     stamp(skills / "lumeno", "1.4.0")
-    old, real = (skills / "lumeno/SKILL.md").read_bytes(), getattr(os, call)
 
     def failing(path, *args, **kwargs):
         if call == "replace" or args[0] & os.O_CREAT:
-            raise error
+            raise OSError(code, os.strerror(code)) if code else KeyboardInterrupt()
         return real(path, *args, **kwargs)
 
     monkeypatch.setattr(os, call, failing)
-    if isinstance(error, KeyboardInterrupt):
-        with pytest.raises(KeyboardInterrupt):
-            main(["skill", "install"])
-    else:
-        assert main(["skill", "install"]) == 1
-        errors = [f"zobek-lumeno: error: cannot write {skills / name}: {error.strerror}" for name in NAMES]
-        assert capsys.readouterr().err.splitlines() == errors
-    assert (skills / "lumeno/SKILL.md").read_bytes() == old
+    with contextlib.nullcontext() if code else pytest.raises(KeyboardInterrupt):
+        err = run(capsys, ["skill", "install"], 1).err.splitlines()
+        assert err == [f"zobek-lumeno: error: cannot write {skills / n}: {os.strerror(code)}" for n in NAMES]
+    assert (skills / "lumeno/SKILL.md").read_bytes() == b"---\nname: lumeno\nversion: 1.4.0\n---\n"
     assert sorted(p.name for p in skills.rglob("*") if p.is_file()) == ["SKILL.md"]
 
 
 def test_status_states(repo, capsys):
     home, user, project = repo.parent / "home", repo.parent / "home/.claude/skills", repo / ".cursor/skills"
-    stamp(user / "lumeno", "1.4.0")
-    stamp(user / "lumeno-map", "9.0")
-    stamp(user / "lumeno-wiki", None, "---\nname: lumeno-wiki\n---\n")
+    for name, version in zip(NAMES, ["1.4.0", "9.0", None], strict=True):
+        stamp(user / name, version, None if version else "---\nname: lumeno-wiki\n---\n")
     stamp(project / "lumeno", __version__)
     (project / "lumeno-map").mkdir()
     (project / "lumeno-map/SKILL.md").symlink_to("SKILL.md")  # a loop: unreadable, whatever the permissions
-    assert main(["status", "--check", "--json"]) == 1
-    out, err = capsys.readouterr()
-    records = json.loads(out)
-    assert (
-        "Cannot read" in err
-        and ",".join(records[0]) == "skill,directory,installed,current,scope,update,stale,state"
-    )
-    assert [r["state"] for r in records if r["state"] != "missing"] == [
-        "STALE",
-        "newer",
-        "unstamped",
-        "current",
-        "unreadable",
-    ]
+    out, err = run(capsys, ["status", "--check", "--json"], 1)
+    assert ",".join(json.loads(out)[0]) == "skill,directory,installed,current,scope,update,stale,state"
+    states = " ".join(r["state"] for r in json.loads(out) if r["state"] != "missing")
+    assert "Cannot read" in err and states == "STALE newer unstamped current unreadable"
     # The survey warns about a path once a process; the state stays the same.
-    assert main(["status"]) == 0
-    lines = capsys.readouterr().out.splitlines()
+    lines = run(capsys, ["status"], 0).out.splitlines()
     assert lines[2] == f"  project scope  under the repository {repo} (the nearest directory holding .git)"
-    assert [line.split()[-1] for line in lines[5:8]] + [lines[-3], lines[-1]] == [
-        "STALE",
-        "newer",
-        "unstamped",
-        "1 stale copy; to update it run:",
-        "1 cannot be read (see the warnings); status --check fails until they can.",
-    ]
+    assert [line.split()[-1] for line in lines[5:8]] == ["STALE", "newer", "unstamped"]
+    assert lines[-3] == "1 stale copy; to update it run:"
+    assert lines[-1] == "1 cannot be read (see the warnings); status --check fails until they can."
     # The repository is the home: a directory of both scopes is listed once for each.
-    assert main(["--repo-root", str(home), "status"]) == 0
-    lines = capsys.readouterr().out.splitlines()
+    lines = run(capsys, ["--repo-root", str(home), "status"], 0).out.splitlines()
     assert "the two scopes overlap:" in lines[3] and lines[-3] == "2 stale copies; to update them run:"
     assert [line.split()[0] for line in lines if "~/.claude/skills" in line] == ["user", "project"]
     assert lines[-1] == f"  zobek-lumeno --repo-root {home} skill install --scope project"
 
 
-# Unbuffered, the first print meets the closed pipe; buffered, the flush at the end does.
-@pytest.mark.parametrize("check, code, unbuffered", [([], 0, "1"), (["--check"], 1, "")])
-def test_closed_pipe_is_no_failure(tmp_path, check, code, unbuffered):
-    stamp(tmp_path / ".claude/skills/lumeno", "1.0")
-    read, written = os.pipe()
-    os.close(read)
-    command = [sys.executable, "-m", "zobek_lumeno", "--repo-root", str(tmp_path), "status", *check]
-    env = {**os.environ, "HOME": str(tmp_path), "PYTHONUNBUFFERED": unbuffered}
-    done = subprocess.run(command, stdout=written, stderr=subprocess.PIPE, env=env, timeout=60)
-    os.close(written)
-    assert (done.returncode, done.stderr) == (code, b"")
+ARGUMENTS = [
+    ("dirs", ".claude/skills\n", ""),
+    ("dirs --scope user claude copilot", ".claude/skills\n.copilot/skills\n", ""),
+    ("dirs Claude", "", "dirs: error: argument AGENT: unknown agent 'Claude' (known: claude, cursor-agent, "),
+    ("dirs --scope global", "", "invalid choice"),
+    ("skill install --agent nobody", "", "install: error: argument --agent: unknown agent"),
+    ("skill", "", "skill: error: the following arguments are required: ACTION"),
+    ("--repo-root '' status", "", "zobek-lumeno: error: argument --repo-root: '' is not a directory"),
+    (f"status --repo-root {shlex.quote(sys.executable)}", "", "status: error: argument --repo-root: "),
+    ("--version", f"zobek-lumeno {__version__}\n", ""),
+]
 
 
-@pytest.mark.parametrize(
-    "args, out, error",
-    [
-        (["dirs"], ".claude/skills\n", ""),
-        (["dirs", "--scope", "user", "claude", "copilot"], ".claude/skills\n.copilot/skills\n", ""),
-        (
-            ["dirs", "Claude"],
-            "",
-            "dirs: error: argument AGENT: unknown agent 'Claude' (known: claude, cursor-agent, ",
-        ),
-        (["dirs", "--scope", "global"], "", "invalid choice"),
-        (["skill", "install", "--agent", "nobody"], "", "install: error: argument --agent: unknown agent"),
-        (["skill"], "", "skill: error: the following arguments are required: ACTION"),
-        (
-            ["--repo-root", "", "status"],
-            "",
-            "zobek-lumeno: error: argument --repo-root: '' is not a directory",
-        ),
-        (["status", "--repo-root", sys.executable], "", "status: error: argument --repo-root: "),
-        (["--version"], f"zobek-lumeno {__version__}\n", ""),
-    ],
-)
+@pytest.mark.parametrize("args, out, error", ARGUMENTS)
 def test_arguments(repo, capsys, args, out, error):
-    assert main(args) == (2 if error else 0)
-    captured = capsys.readouterr()
+    captured = run(capsys, shlex.split(args), 2 if error else 0)
     # A mistake is reported in one line, not with the usage block.
     assert captured.out == out and len(captured.err.splitlines()) == bool(error) and error in captured.err
-    assert main(["dirs", "--help"]) == 0
-    assert "one of claude, cursor-agent, windsurf, copilot" in " ".join(capsys.readouterr().out.split())
+    usage = " ".join(run(capsys, ["dirs", "--help"], 0).out.split())
+    assert "one of claude, cursor-agent, windsurf, copilot" in usage
