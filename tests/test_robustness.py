@@ -264,7 +264,9 @@ def test_out_of_file_descriptors_the_survey_warns(tmp_path, module):
     (tmp_path / "lumeno/SKILL.md").write_text("version: 1.0\n")
     found = run_python(
         f"""
-        import errno, importlib, json, logging, os, pathlib, sys
+        import errno, importlib, json, logging, os, pathlib, resource, sys
+        hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]  # few to take, however many the machine allows
+        resource.setrlimit(resource.RLIMIT_NOFILE, (256 if hard < 0 else min(256, hard), hard))
         sys.path.insert(0, {str(pathlib.Path(__file__).parents[1] / "bench")!r})
         m, warned = importlib.import_module({module!r}), []
         m.logger.addHandler(handler := logging.Handler())
