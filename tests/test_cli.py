@@ -96,6 +96,7 @@ INSTALLS = [
     ("unstamped", "", "refused written written", "its SKILL.md has no version stamp"),
     ("unstamped", "--force", "written written written", ""),
     ("none", "--dry-run --agent windsurf", "would would would", ""),
+    ("installed", "--dry-run", "unchanged unchanged unchanged", ""),
 ]
 
 
@@ -114,6 +115,8 @@ def test_install_refusals(repo, capsys, kind, args, actions, error):
         (lumeno / "SKILL.md").symlink_to(f"{outside if kind.startswith('out') else '../store'}/SKILL.md")
     elif kind == "file":
         lumeno.write_text("x")
+    elif kind == "installed":
+        run(capsys, ["skill", "install"], 0)
     elif kind != "none":
         stamp(lumeno, "9.0", "mine\n" if kind == "unstamped" else None)
     before = snapshot(repo.parent)
@@ -171,6 +174,12 @@ def test_status_states(repo, capsys):
     assert "the two scopes overlap:" in lines[3] and lines[-3] == "2 stale copies; to update them run:"
     assert [line.split()[0] for line in lines if "~/.claude/skills" in line] == ["user", "project"]
     assert lines[-1] == f"  zobek-lumeno --repo-root {home} skill install --scope project"
+    # A copy that cannot be read fails the check on its own; current and missing copies pass it.
+    for name in NAMES:
+        stamp(user / name, __version__)
+    run(capsys, ["status", "--check"], 1)
+    (project / "lumeno-map/SKILL.md").unlink()
+    run(capsys, ["status", "--check"], 0)
 
 
 ARGUMENTS = [
