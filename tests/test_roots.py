@@ -25,17 +25,6 @@ def test_records_are_made_as_class_statements_make_them(plain, name):
     assert name == "SkillRoots" or (type(vars(cls)["stale"]) is property and vars(cls)["stale"].fset is None)
 
 
-def test_agent_table_anchors():
-    # Beside what the plain formulation shows: the table's own text, as it stands.
-    assert {k: tuple(v) for k, v in m.AGENT_SKILL_ROOTS.items()} == {
-        "claude": ((C,), (C,)),
-        "cursor-agent": ((CU, C), (CU, C)),
-        "windsurf": ((W,), (".codeium/windsurf/skills",)),
-        "copilot": ((G, C), (".copilot/skills",)),
-    }
-    assert m.skill_capable_agents() == ALL and m.skill_capable_agents() is not m.skill_capable_agents()
-
-
 class Text(str):
     pass
 
@@ -48,6 +37,7 @@ def test_query_results_are_new_and_share_the_records_tuples():
     assert next(iter(m.agent_roots([key], "user"))) is key
     assert m.agent_roots(["claude"], "user") is not m.agent_roots(["claude"], "user")
     assert m.read_roots(result) is not m.read_roots(result)
+    assert m.skill_capable_agents() is not m.skill_capable_agents()
 
 
 class Minimal:

@@ -14,30 +14,6 @@ from zobek_lumeno.utils import agent_skills as m
 N = m.STAMP_HEAD_BYTES
 
 
-def ending_at(size, tail):
-    """A filler line, then ``tail`` so that it ends at byte ``size``."""
-    return b"#" * (size - len(tail) - 1) + b"\n" + tail
-
-
-FILES = {
-    "CRLF and trailing blanks": (b"---\r\nversion: 2024.05 \t\xc2\xa0\r\n---\r\n", "2024.05"),
-    "lone CR is no line end": (b"x\rversion: 1.0\n", None),
-    "invalid UTF-8 around": (b"\xff\xfe bad\nversion: 1.2.3\n\xc3(\n", "1.2.3"),
-    "full head, stamp unterminated": (ending_at(N, b"version: 9.9.9"), None),
-    "one byte short of full": (ending_at(N - 1, b"version: 9.9.9"), "9.9.9"),
-    "full head ends in LF": (ending_at(N, b"version: 7.0\n"), "7.0"),
-    "straddles, earlier stamp": (b"version: 1.0\n" + ending_at(N + 6 - 13, b"version: 3.0.0\n"), "1.0"),
-    "full head without LF": (b"version: 1.0" + b" " * (N + 50), None),
-    "after the head": ((b"#" * 99 + b"\n") * 21 + b"version: 1.0\n", None),
-}
-
-
-@pytest.mark.parametrize("data, expected", FILES.values(), ids=FILES.keys())
-def test_read_stamp(tmp_path, data, expected):
-    (tmp_path / "SKILL.md").write_bytes(data)
-    assert m.read_stamp(tmp_path / "SKILL.md") == expected == m.read_stamp(path=tmp_path / "SKILL.md")
-
-
 SIZES = [("dir", N), ("missing", N), ("a\0b", N)] + [("f", n) for n in (12, 13, 0, None, -2, 2.5, 2**70)]
 
 
@@ -60,22 +36,6 @@ def test_one_read_of_the_bound_head_size_then_closed(tmp_path, monkeypatch, plai
     assert outcome(m.read_stamp, tmp_path / name) == expected
     # Closed however the read ends, though the handle is still referenced.
     assert [(args, handle.closed) for handle, args in reads] == ([((size,), True)] if name == "f" else [])
-
-
-@pytest.mark.parametrize(
-    "v, key",
-    [
-        ("2-beta.3rc1.dev4.v5", (2, 3, 0, 0)),  # a piece counts only the digits it starts with
-        ("01..002.", (1, 0, 2, 0)),
-        (" 1.-3.+4.1_000", (0, 0, 0, 1)),  # what int() accepts is not all a run of digits
-        ("\u0661\u0662.\uff13\uff14.\u00b2", (12, 34, 0)),  # any script's decimal digits; no superscripts
-        ("18446744073709551616", (2**64,)),
-        ("9" * 19 + "." + "0" * 30 + "7", (10**19 - 1, 7)),
-    ],
-)
-def test_version_tuple(v, key):
-    got = m.version_tuple(v)
-    assert got == key and all(type(x) is int for x in got)
 
 
 @pytest.mark.parametrize("length", [37, 1000, 100_000])
