@@ -97,46 +97,33 @@ def test_a_deleted_name_fails_the_call_that_uses_it_first(monkeypatch, plain, ou
     assert each_call(m, base, outcome) == each_call(plain, base, outcome)
 
 
-HOST = [(os, "lstat"), (os, "readlink"), (os, "stat"), (os.path, "realpath"), (io, "open")]
-HOST += [
+ERRORS = [PermissionError(13, "Denied"), RuntimeError("Symlink loop"), FileNotFoundError(2, "No such file")]
+ERRORS += [NotADirectoryError(20, "Not a directory"), ValueError("no file-system failure")]
+OBJECTS = [(os, "lstat"), (os, "readlink"), (os, "stat"), (os.path, "realpath"), (io, "open")]
+OBJECTS += [
     (pathlib.Path, n) for n in ("resolve", "open", "is_file", "is_relative_to", "__truediv__", "as_posix")
+]
+# Spied on, or failing on one path: not there, unreadable (logged once) or propagated, as each error is taken.
+HOST = [(owner, name, None, None) for owner, name in OBJECTS]
+HOST += [
+    (pathlib.Path, name, end, error)
+    for name, end in [("resolve", "skills"), ("resolve", "SKILL.md"), ("is_file", ".md"), ("open", ".md")]
+    for error in ERRORS
 ]
 
 
-@pytest.mark.parametrize("owner, name", HOST)
+@pytest.mark.parametrize("owner, name, end, error", HOST, ids=lambda x: getattr(x, "__name__", repr(x)))
 def test_a_patched_host_object_sees_the_calls_a_python_source_makes(
-    monkeypatch, plain, outcome, base, owner, name
+    monkeypatch, plain, outcome, base, owner, name, end, error
 ):
     real = getattr(owner, name)
 
-    def spy(*args, **kwargs):
+    def patched(*args, **kwargs):
         LOG.append((name, *map(str, args), *kwargs.items()))
+        if end and str(args[0]).endswith(end):
+            raise error
         return real(*args, **kwargs)
 
-    monkeypatch.setattr(owner, name, spy)
+    monkeypatch.setattr(owner, name, patched)
     calls = each_call(m, base, outcome)
     assert calls == each_call(plain, base, outcome) and any(log for _, log in calls.values())
-
-
-ERRORS = [PermissionError(13, "Denied"), RuntimeError("Symlink loop"), FileNotFoundError(2, "No such file")]
-ERRORS += [NotADirectoryError(20, "Not a directory"), ValueError("no file-system failure")]
-
-
-@pytest.mark.parametrize("error", ERRORS, ids=lambda e: type(e).__name__)
-@pytest.mark.parametrize(
-    "name, end", [("resolve", "skills"), ("resolve", "SKILL.md"), ("is_file", ".md"), ("open", ".md")]
-)
-def test_a_failing_host_call_is_answered_as_from_a_python_source(
-    monkeypatch, plain, outcome, base, name, end, error
-):
-    """Not there, unreadable (logged once) or propagated: as the plain formulation takes each error."""
-    real = getattr(pathlib.Path, name)
-
-    def failing(self, *args, **kwargs):
-        if str(self).endswith(end):
-            raise error
-        return real(self, *args, **kwargs)
-
-    monkeypatch.setattr(pathlib.Path, name, failing)
-    calls = each_call(m, base, outcome)
-    assert calls == each_call(plain, base, outcome) and calls["scan"][0][0] in ("returned", ValueError)

@@ -8,8 +8,6 @@ import sys
 import time
 
 import pytest
-from hypothesis import given, settings
-from hypothesis import strategies as st
 
 from zobek_lumeno.utils import agent_skills as m
 
@@ -150,23 +148,3 @@ def test_endless_search_can_be_interrupted(n):
     finally:
         proc.kill()
         proc.wait()
-
-
-names = st.text(st.characters(codec="utf-8", exclude_categories=["Cs"]), min_size=1, max_size=4)
-
-
-@settings(max_examples=150, deadline=None)
-@given(data=st.data(), pool=st.lists(names, min_size=1, max_size=12, unique=True))
-def test_both_paths_answer_as_the_plain_formulation_on_random_tables(plain, data, pool):
-    roots = st.lists(st.sampled_from(pool), min_size=1, max_size=3).map(tuple)
-    agents = data.draw(st.dictionaries(names, roots, min_size=1, max_size=6))
-    keys = data.draw(st.lists(st.sampled_from([*agents, "unknown"]), max_size=8))
-    with pytest.MonkeyPatch.context() as mp:
-        for module in (m, plain):
-            mp.setattr(
-                module, "AGENT_SKILL_ROOTS", {a: m.SkillRoots(project=r, user=()) for a, r in agents.items()}
-            )
-        fast = m.resolve_skill_dirs(keys)
-        assert fast == plain.resolve_skill_dirs(keys) == sorted(set(fast))
-        counted_scores(mp, m)
-        assert m.resolve_skill_dirs(keys) == fast

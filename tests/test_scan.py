@@ -31,14 +31,6 @@ class Told(logging.Logger):
         super().warning(*args, **kwargs)
 
 
-def told():
-    logging.setLoggerClass(Told)
-    try:
-        return logging.getLogger("told")
-    finally:
-        logging.setLoggerClass(logging.Logger)
-
-
 def warn_once():
     try:
         raise PermissionError(13, "denied")
@@ -50,7 +42,7 @@ def warn_once():
     "logger, origin",
     [
         (logging.getLogger("elsewhere"), ("_say_unreadable", m.__file__)),  # as a Python source would log
-        (told(), ("warning", __file__)),  # its own warning runs, and is the caller found
+        (Told("told"), ("warning", __file__)),  # its own warning runs, and is the caller found
     ],
 )
 def test_logger_and_origin(monkeypatch, logger, origin):
