@@ -1,4 +1,5 @@
 import importlib.util
+import logging
 import sys
 from pathlib import Path
 
@@ -41,3 +42,20 @@ def outcome():
     """What a call comes to: its value and the value's type, or its error: type, text, name and the type
     of the error it was raised in handling."""
     return what_call_gives
+
+
+def make_own_logger(name, emit):
+    """A logger made directly, outside the logging manager's registry, whose one handler calls ``emit``: no
+    test harness can find it to attach handlers of its own (which would format tracebacks, reading source
+    files, while a test spies on the host's calls), and nothing propagates from it."""
+    logger = logging.Logger(name)
+    handler = logging.Handler()
+    handler.emit = emit
+    logger.addHandler(handler)
+    logger.propagate = False
+    return logger
+
+
+@pytest.fixture(scope="session")
+def own_logger():
+    return make_own_logger

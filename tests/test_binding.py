@@ -4,7 +4,6 @@ the calls reach see the same calls, in the same order, as from a Python source."
 
 import io
 import itertools
-import logging
 import os
 import pathlib
 import re
@@ -56,7 +55,7 @@ FUNCTIONS = [name for name, f in vars(m).items() if type(f) is type(m.read_stamp
 
 
 @pytest.fixture
-def base(tmp_path, monkeypatch, plain):
+def base(tmp_path, monkeypatch, plain, own_logger):
     base = tmp_path.resolve()
     monkeypatch.setenv("HOME", str(base / "home"))
     for rel, text in [("repo/.claude/skills/lumeno/SKILL.md", "---\nname: x\nversion: 1.2\n---\n")]:
@@ -67,10 +66,10 @@ def base(tmp_path, monkeypatch, plain):
     (base / "repo/.github/skills").symlink_to("skills")  # a loop: a warning for the project scope
     for module in (m, plain):
         monkeypatch.setattr(module, "_UNREADABLE", set())
-    # Both modules log through the same logger: each warning goes with the call that made it.
-    monkeypatch.setattr(m.logger, "handlers", [handler := logging.Handler()])
-    monkeypatch.setattr(m.logger, "propagate", False)
-    monkeypatch.setattr(handler, "emit", lambda r: LOG.append((r.args, type(r.exc_info[1]).__name__)))
+    # Both modules log through one logger of the tests' own: each warning goes with the call that made it.
+    logger = own_logger(m.__name__, lambda r: LOG.append((r.args, type(r.exc_info[1]).__name__)))
+    for module in (m, plain):
+        monkeypatch.setattr(module, "logger", logger)
     return base
 
 

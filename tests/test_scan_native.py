@@ -2,7 +2,6 @@
 formulation do; the plain route runs whenever a host object it would reach is patched; and no file outside
 is read while the tree changes."""
 
-import logging
 import os
 import pathlib
 import random
@@ -80,12 +79,12 @@ def build(rng, base):
     return home, repo
 
 
-def survey(module, repo, plain_route=False):
+def survey(module, repo, own_logger, plain_route=False):
     """The survey's records, warnings (arguments, error, text) and the files its open events name."""
-    warnings, handler = [], logging.Handler()
-    handler.emit = lambda r: warnings.append((r.args, repr(r.exc_info[1]), str(r.exc_info[1])))
-    module.logger.addHandler(handler)
-    module.logger.propagate = False  # no other handler reads source files for a traceback
+    warnings, logger = [], module.logger
+    module.logger = own_logger(
+        "survey", lambda r: warnings.append((r.args, repr(r.exc_info[1]), str(r.exc_info[1])))
+    )
     module._UNREADABLE.clear()
     OPENED.clear()
     RECORDING.set()
@@ -95,20 +94,19 @@ def survey(module, repo, plain_route=False):
     finally:
         sys.setprofile(None)
         RECORDING.clear()
-        module.logger.removeHandler(handler)
-        module.logger.propagate = True
+        module.logger = logger
 
 
 @pytest.mark.parametrize("seed", range(40))
-def test_survey_of_random_trees(tmp_path, monkeypatch, plain, seed):
+def test_survey_of_random_trees(tmp_path, monkeypatch, plain, own_logger, seed):
     rng = random.Random(seed)
     home, repo = build(rng, tmp_path.resolve())
     monkeypatch.setenv("HOME", str(home))
     if seed % 3 == 0:  # a relative root, against the current directory
         monkeypatch.chdir(repo.parent)
         repo = pathlib.Path(repo.name)
-    native = survey(m, repo)
-    assert native == survey(m, repo, plain_route=True) == survey(plain, repo)
+    native = survey(m, repo, own_logger)
+    assert native == survey(m, repo, own_logger, plain_route=True) == survey(plain, repo, own_logger)
     assert all(r[2] != "6.6.6" for r in native[0])
 
 
