@@ -43,15 +43,15 @@ Ref make_installed_skill(PyObject* module);
 // RuntimeError of a home directory that cannot be determined.
 enum class Catching { scan_failures, undetermined_home };
 
-// The handler put around a file-system step, for use in a catch block, as the `except`
+// The handler put around a file-system step, given the error it caught, as the `except`
 // clauses a Python source would write:
 //   except (FileNotFoundError, NotADirectoryError): return answer()    [not there]
 //   except (OSError, RuntimeError): _say_unreadable(what); return answer()
 // Any other error propagates unchanged. The answer is built while the error is still the
 // one being handled, so an error raised there chains to it as in the `except` block.
 template <class Answer>
-Ref except_unreadable(const Context& cx, PyObject* what, Answer answer, Catching catching = Catching::scan_failures) {
-    CaughtError error = cx.catch_error();
+Ref handle_unreadable(const Context& cx, CaughtError error, PyObject* what, Answer answer,
+                      Catching catching = Catching::scan_failures) {
     const bool scan = catching == Catching::scan_failures;
     const bool absent = scan && (error.matches(PyExc_FileNotFoundError) || error.matches(PyExc_NotADirectoryError));
     const bool unreadable = !absent && (error.matches(PyExc_RuntimeError) || (scan && error.matches(PyExc_OSError)));
@@ -59,6 +59,12 @@ Ref except_unreadable(const Context& cx, PyObject* what, Answer answer, Catching
     ExceptBlock block(error.value());
     if (unreadable) call(cx.global(Name::_say_unreadable).get(), {what});
     return answer();
+}
+
+// The same handler in the function whose call this is: the error is caught there.
+template <class Answer>
+Ref except_unreadable(const Context& cx, PyObject* what, Answer answer, Catching catching = Catching::scan_failures) {
+    return handle_unreadable(cx, cx.catch_error(), what, answer, catching);
 }
 
 // module.cpp: a class made from the module's `NamedTuple` exactly as a class statement

@@ -1,10 +1,11 @@
 // The native route of the directory scan and of read_stamp. The plain route, in
 // stamps.cpp, goes through the host's path objects; this one makes the same system calls
 // itself, while the guard below says that the plain route would reach nothing but the
-// host's own pathlib, posixpath, os and io. It never handles an error: anything but an
-// answer or "not there" hands that skill (or directory) back to the plain route, which
-// redoes it through the host's objects, so exceptions, tracebacks and log records come
-// from the real code.
+// host's own pathlib, posixpath, os and io. What the host's calls would raise, it raises
+// as they would (the same exception, errno, message and path, the same `open` audit event
+// before the open) and handles as the plain route's `except` clauses do; only where no
+// single host call would fail the same way (a descriptor it would not need, a path too long
+// for a buffer here) does it hand that skill, or directory, to the plain route.
 //
 // Unlike the plain route, it opens a file from the resolved skills directory's
 // descriptor, one component at a time, without following links: a component swapped for
@@ -224,12 +225,71 @@ private:
     PyThreadState* saved_;
 };
 
-// --- 3.11's realpath, strict, on bytes --------------------------------------------------
+// --- how a step ends, in the host's terms --------------------------------------------------
 
-constexpr int hand_back = -1;       // the plain route must answer, with its own error
-constexpr int changed = -2;         // the tree changed between two calls: resolve again
-constexpr int max_link_depth = 64;  // nested links the host would follow by recursion
-constexpr int max_attempts = 3;     // resolutions of a tree that keeps changing
+struct Outcome {
+    enum Kind {
+        done,      // the step has its answer
+        absent,    // the host answers None and says nothing: not there, outside, not a regular file
+        changed,   // two calls disagree because the tree changed between them: resolve again
+        plain,     // the host's objects must answer: no single call of theirs fails like this
+        failed,    // a host call raises the OSError of `error`, naming `filename` (none when empty)
+        too_deep,  // the host's resolution recurses past its recursion limit
+    };
+    Kind kind = done;
+    int error = 0;
+    std::string filename;
+
+    static Outcome of(Kind kind) { return {kind, 0, {}}; }
+    // A system call's failure as the host's call meets it: "not there" is answered silently.
+    static Outcome os_error(int error, std::string filename = {}) {
+        if (error == ENOENT || error == ENOTDIR) return of(absent);
+        return {failed, error, std::move(filename)};
+    }
+};
+
+// --- the host's realpath, strict, on bytes --------------------------------------------------
+
+constexpr int max_attempts = 3;  // resolutions of a tree that keeps changing
+
+struct Identity {
+    std::string path;  // of the last component examined, when it was not a link
+    dev_t device = 0;
+    ino_t inode = 0;
+    mode_t mode = 0;
+};
+
+// One call of realpath: the links already seen, as posixpath keeps them, and how deep the
+// host may nest links before its recursion limit stops it.
+struct Resolution {
+    std::map<std::string, std::optional<std::string>, std::less<>> seen;
+    int nesting_allowed = INT_MAX;
+    Identity last;
+};
+
+// How many links the host's resolution may nest, from this call, before RecursionError stops
+// it; negative when it cannot even start. 3.11 and 3.12 recurse once for each nested link;
+// 3.13 resolves without recursion.
+enum class Resolver { directory, skill };  // `_stamps_in` resolving its directory; `_stamp_inside` a file
+int nesting_allowed([[maybe_unused]] Resolver where) {
+#if PY_VERSION_HEX >= 0x030D0000
+    return INT_MAX;
+#else
+    // The thread state's fields are read because no public call tells how much of the
+    // recursion limit is in use. At its deepest before a link, the host holds five frames:
+    // resolve, realpath, _joinrealpath, then isabs or join with _get_sep; before 3.12 the
+    // module's own `_stamp_inside` and `inside_root` count as Python frames do.
+    PyThreadState* ts = PyThreadState_Get();
+#if PY_VERSION_HEX >= 0x030C0000
+    const int depth = ts->py_recursion_limit - ts->py_recursion_remaining;
+    const int frames = 5;
+#else
+    const int depth = ts->recursion_limit - ts->recursion_remaining;
+    const int frames = where == Resolver::skill ? 7 : 5;
+#endif
+    return Py_GetRecursionLimit() - depth - frames;
+#endif
+}
 
 // posixpath.join(a, b) for one component, and posixpath.split.
 void join(std::string& path, std::string_view name) {
@@ -275,41 +335,133 @@ std::string normpath(const std::string& path) {
     return out.empty() ? "." : out;
 }
 
-struct Identity {
-    std::string path;  // of the last component examined, when it was not a link
-    dev_t device = 0;
-    ino_t inode = 0;
-    mode_t mode = 0;
-};
-
-// One call of realpath: the links already seen, as posixpath keeps them.
-struct Resolution {
-    std::map<std::string, std::optional<std::string>, std::less<>> seen;
-    int depth = 0;
-    Identity last;
-};
-
-int read_link(const std::string& path, std::string& target) {
-    char buffer[PATH_MAX + 1];
-    const ssize_t n = ::readlink(path.c_str(), buffer, sizeof buffer);
-    if (n < 0) return errno == EINVAL ? changed : errno;  // EINVAL: no longer the link lstat saw
-    if (static_cast<std::size_t>(n) >= sizeof buffer) return hand_back;
-    target.assign(buffer, static_cast<std::size_t>(n));
-    return 0;
+// The next component of `rest` from `at`, as str.partition('/') takes it.
+std::string_view next_component(const std::string& rest, std::size_t& at) {
+    const std::size_t slash = rest.find('/', at);
+    const std::size_t end = slash == std::string::npos ? rest.size() : slash;
+    std::string_view name(rest.data() + at, end - at);
+    at = slash == std::string::npos ? rest.size() : slash + 1;
+    return name;
 }
 
-// posixpath._joinrealpath(path, rest, strict=True, seen): 0, or the errno the host's call
-// would raise, or hand_back where its answer is not an errno of one call (a loop of links),
-// or `changed` where two calls disagree because the tree changed between them.
-int join_real(std::string& path, std::string_view rest, Resolution& r) {
-    if (!rest.empty() && rest.front() == '/') {
-        rest.remove_prefix(1);
-        path.assign(1, '/');  // not `= "/"`, which GCC 12 misreads as an overlapping copy
+Outcome read_link(const std::string& path, std::string& target) {
+    char buffer[PATH_MAX + 1];
+    const ssize_t n = ::readlink(path.c_str(), buffer, sizeof buffer);
+    // EINVAL: no longer the link lstat saw.
+    if (n < 0) return errno == EINVAL ? Outcome::of(Outcome::changed) : Outcome::os_error(errno, path);
+    if (static_cast<std::size_t>(n) >= sizeof buffer) return Outcome::of(Outcome::plain);
+    target.assign(buffer, static_cast<std::size_t>(n));
+    return Outcome::of(Outcome::done);
+}
+
+// lstat of one component; `is_link` tells whether it is a link, else it is the last identity seen.
+Outcome examine(const std::string& path, Resolution& r, bool& is_link) {
+    struct stat st;
+    if (::lstat(path.c_str(), &st) != 0) return Outcome::os_error(errno, path);
+    is_link = S_ISLNK(st.st_mode);
+    if (!is_link) r.last = {path, st.st_dev, st.st_ino, st.st_mode};
+    return Outcome::of(Outcome::done);
+}
+
+// A link met again while it is being resolved: the host stats it, strictly, to raise the loop.
+Outcome stat_loop(const std::string& path) {
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0) return Outcome::os_error(errno, path);
+    return Outcome::of(Outcome::done);
+}
+
+#if PY_VERSION_HEX >= 0x030D0000
+
+// os.path.realpath(filename, strict=True) as 3.13 walks it: from the working directory, a
+// stack of components still to resolve.
+Outcome realpath(std::string& path, const std::string& filename, Resolution& r) {
+    if (!filename.empty() && filename.front() == '/') {
+        path.assign(1, '/');
+    } else {
+        // A working directory longer than PATH_MAX fails with ERANGE: the plain route answers then.
+        std::string cwd(PATH_MAX, '\0');
+        if (::getcwd(cwd.data(), cwd.size()) == nullptr)
+            return errno == ERANGE ? Outcome::of(Outcome::plain) : Outcome::os_error(errno);
+        cwd.resize(cwd.find('\0'));
+        path = std::move(cwd);
     }
-    while (!rest.empty()) {
-        const std::size_t slash = rest.find('/');
-        const std::string_view name = rest.substr(0, slash);
-        rest = slash == std::string_view::npos ? std::string_view{} : rest.substr(slash + 1);
+    // Pending texts, innermost last; a link's own path follows its target's components and
+    // is recorded as resolved once they are.
+    struct Pending {
+        std::string rest;
+        std::size_t at = 0;
+        std::string link;
+    };
+    std::vector<Pending> pending;
+    pending.push_back({filename, 0, {}});
+    while (!pending.empty()) {
+        if (pending.back().at >= pending.back().rest.size()) {
+            if (!pending.back().link.empty()) r.seen[pending.back().link] = path;
+            pending.pop_back();
+            continue;
+        }
+        const std::string_view name = next_component(pending.back().rest, pending.back().at);
+        if (name.empty() || name == ".") continue;
+        if (name == "..") {
+            path.erase(std::max<std::size_t>(path.rfind('/'), 1));
+            continue;
+        }
+        std::string newpath = path;
+        if (newpath != "/") newpath += '/';
+        newpath += name;
+        bool is_link = false;
+        if (Outcome o = examine(newpath, r, is_link); o.kind != Outcome::done) return o;
+        if (!is_link) {
+            path = std::move(newpath);
+            continue;
+        }
+        if (auto seen = r.seen.find(newpath); seen != r.seen.end()) {
+            if (seen->second) {
+                path = *seen->second;
+                continue;
+            }
+            if (Outcome o = stat_loop(newpath); o.kind != Outcome::done) return o;
+            path = std::move(newpath);
+            continue;
+        }
+        std::string target;
+        if (Outcome o = read_link(newpath, target); o.kind != Outcome::done) return o;
+        r.seen.emplace(newpath, std::nullopt);
+        if (!target.empty() && target.front() == '/') path.assign(1, '/');
+        pending.push_back({std::move(target), 0, std::move(newpath)});
+    }
+    return Outcome::of(Outcome::done);
+}
+
+#else
+
+// posixpath._joinrealpath(path, rest, strict=True, seen) as 3.11 and 3.12 recurse into it for
+// each link, here with a stack of the texts each level still has to walk.
+Outcome join_real(std::string& path, const std::string& rest, Resolution& r) {
+    struct Level {
+        std::string rest;
+        std::size_t at = 0;
+        std::string link;  // whose target this level resolves; empty at the top
+    };
+    std::vector<Level> levels;
+    auto enter = [&](std::string text, std::string link) {
+        Level level{std::move(text), 0, std::move(link)};
+        if (!level.rest.empty() && level.rest.front() == '/') {
+            level.at = 1;
+            path.assign(1, '/');  // not `= "/"`, which GCC 12 misreads as an overlapping copy
+        }
+        levels.push_back(std::move(level));
+    };
+    if (r.nesting_allowed < 0) return Outcome::of(Outcome::too_deep);
+    enter(rest, {});
+    while (!levels.empty()) {
+        if (levels.back().at >= levels.back().rest.size()) {
+            std::string link = std::move(levels.back().link);
+            levels.pop_back();
+            if (!levels.empty()) r.seen[link] = path;
+            continue;
+        }
+        const std::string_view name = next_component(levels.back().rest, levels.back().at);
         if (name.empty() || name == ".") continue;
         if (name == "..") {
             if (path.empty()) {
@@ -326,45 +478,46 @@ int join_real(std::string& path, std::string_view rest, Resolution& r) {
         }
         std::string newpath = path;
         join(newpath, name);
-        struct stat st;
-        if (::lstat(newpath.c_str(), &st) != 0) return errno;
-        if (!S_ISLNK(st.st_mode)) {
+        bool is_link = false;
+        if (Outcome o = examine(newpath, r, is_link); o.kind != Outcome::done) return o;
+        if (!is_link) {
             path = std::move(newpath);
-            r.last = {path, st.st_dev, st.st_ino, st.st_mode};
             continue;
         }
         if (auto seen = r.seen.find(newpath); seen != r.seen.end()) {
-            if (!seen->second) return hand_back;
-            path = *seen->second;
-            continue;
+            if (seen->second) {
+                path = *seen->second;
+                continue;
+            }
+            // A stat that succeeds lets the host resolve the link once more, deeper.
+            if (Outcome o = stat_loop(newpath); o.kind != Outcome::done) return o;
         }
-        if (++r.depth > max_link_depth) return hand_back;
-        r.seen.emplace(newpath, std::nullopt);
+        r.seen[newpath] = std::nullopt;
         std::string target;
-        if (int error = read_link(newpath, target)) return error;
-        if (int error = join_real(path, target, r)) return error;
-        --r.depth;
-        r.seen[newpath] = path;
+        if (Outcome o = read_link(newpath, target); o.kind != Outcome::done) return o;
+        if (static_cast<int>(levels.size()) > r.nesting_allowed) return Outcome::of(Outcome::too_deep);
+        enter(std::move(target), std::move(newpath));
     }
-    return 0;
+    return Outcome::of(Outcome::done);
 }
 
 // os.path.realpath(path, strict=True): the walk, then abspath.
-int realpath(std::string& path, std::string_view rest, Resolution& r) {
-    if (int error = join_real(path, rest, r)) return error;
+Outcome realpath(std::string& path, const std::string& filename, Resolution& r) {
+    if (Outcome o = join_real(path, filename, r); o.kind != Outcome::done) return o;
     if (path.empty() || path.front() != '/') {
         // A working directory longer than PATH_MAX fails with ERANGE: the plain route answers then.
         std::string cwd(PATH_MAX, '\0');
-        if (::getcwd(cwd.data(), cwd.size()) == nullptr) return errno;
+        if (::getcwd(cwd.data(), cwd.size()) == nullptr)
+            return errno == ERANGE ? Outcome::of(Outcome::plain) : Outcome::os_error(errno);
         cwd.resize(cwd.find('\0'));
         join(cwd, path);
         path = std::move(cwd);
     }
     path = normpath(path);
-    return 0;
+    return Outcome::of(Outcome::done);
 }
 
-bool not_there(int error) { return error == ENOENT || error == ENOTDIR; }
+#endif
 
 // `real.is_relative_to(root)` for two resolved paths: root's components lead real's.
 bool inside(const std::string& real, const std::string& root) {
@@ -372,97 +525,129 @@ bool inside(const std::string& real, const std::string& root) {
     return real.size() == root.size() || root == "/" || real[root.size()] == '/';
 }
 
-// --- one skills directory ---------------------------------------------------------------
-
-enum class Step { done, absent, changed, plain };
-
-Step from_errno(int error) {
-    if (error == changed) return Step::changed;
-    return not_there(error) ? Step::absent : Step::plain;
+// A call the host's route would not make failed: a component gone, or replaced by a link, since
+// the resolution means resolve again; anything else is for the plain route to meet.
+Outcome moved_or_plain(int error) {
+    return Outcome::of(error == ENOENT || error == ENOTDIR || error == ELOOP ? Outcome::changed : Outcome::plain);
 }
 
+// --- the host's errors ------------------------------------------------------------------------
+
+// Sets the error the host's call raises for a failed outcome: the OSError subclass of its
+// errno, naming the path when the call names one; RecursionError past the recursion limit.
+// While resolving, a loop of links is the RuntimeError that Path.resolve makes of it (before
+// 3.13), raised as it handles the OSError.
+void set_host_error(const Outcome& o, bool resolving) {
+    if (o.kind == Outcome::too_deep) {
+        PyErr_SetString(PyExc_RecursionError, "maximum recursion depth exceeded");
+        return;
+    }
+    Ref filename = o.filename.empty() ? Ref() : fs_text(o.filename);
+    errno = o.error;
+    PyErr_SetFromErrnoWithFilenameObject(PyExc_OSError, filename.get());
+#if PY_VERSION_HEX < 0x030D0000
+    if (resolving && o.error == ELOOP) {
+        CaughtError loop;
+        ExceptBlock handling(loop.value());
+        PyErr_Format(PyExc_RuntimeError, "Symlink loop from %R", filename ? filename.get() : Py_None);
+    }
+#else
+    (void)resolving;
+#endif
+}
+
+// Puts a frame of the module's function `function` at the head of the traceback of the
+// error being raised, as the plain route's call of it would.
+void trace_through(const Context& cx, PyObject* function) {
+    PyObject *type, *value, *tb;
+    PyErr_Fetch(&type, &value, &tb);
+    Ref frame = Ref::steal_or_null(new_frame(function, cx.globals()));
+    PyErr_Clear();  // without a frame the error goes on as it was
+    PyErr_Restore(type, value, tb);
+    if (frame) PyTraceBack_Here(reinterpret_cast<PyFrameObject*>(frame.get()));
+}
+
+// --- one skills directory ---------------------------------------------------------------
+
 // The resolved skills directory, opened; `fd` stays closed when it is not a directory
-// (nothing can then resolve inside it).
+// (nothing can then resolve inside it). `object` is its path object, made when needed.
 struct Root {
     std::string path;
     Fd fd;
+    Ref object;
 };
 
 // Opens the directory the resolution found, and only that one: the same device and inode.
-Step open_root(Root& root, const Identity& seen) {
+Outcome open_root(Root& root, const Identity& seen) {
     struct stat st;
     Identity identity = seen;
     if (identity.path != root.path) {
-        if (::lstat(root.path.c_str(), &st) != 0) return not_there(errno) ? Step::changed : Step::plain;
+        if (::lstat(root.path.c_str(), &st) != 0) return moved_or_plain(errno);
         identity = {root.path, st.st_dev, st.st_ino, st.st_mode};
     }
-    if (!S_ISDIR(identity.mode)) return Step::done;
+    if (!S_ISDIR(identity.mode)) return Outcome::of(Outcome::done);
     Fd fd(::open(root.path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!fd) return not_there(errno) || errno == ELOOP ? Step::changed : Step::plain;
-    if (::fstat(fd.get(), &st) != 0) return Step::plain;
-    if (st.st_dev != identity.device || st.st_ino != identity.inode) return Step::changed;
+    if (!fd) return moved_or_plain(errno);
+    if (::fstat(fd.get(), &st) != 0) return Outcome::of(Outcome::plain);
+    if (st.st_dev != identity.device || st.st_ino != identity.inode) return Outcome::of(Outcome::changed);
     root.fd = std::move(fd);
-    return Step::done;
+    return Outcome::of(Outcome::done);
 }
 
-Step resolve_root(const std::string& directory, Root& root) {
+Outcome resolve_root(const std::string& directory, int nesting_allowed, Root& root) {
     for (int attempt = 0; attempt < max_attempts; ++attempt) {
         Resolution r;
+        r.nesting_allowed = nesting_allowed;
         root.path.clear();
-        const int error = realpath(root.path, directory, r);
-        const Step step = error != 0 ? from_errno(error) : open_root(root, r.last);
-        if (step != Step::changed) return step;
+        Outcome o = realpath(root.path, directory, r);
+        if (o.kind == Outcome::done) o = open_root(root, r.last);
+        if (o.kind != Outcome::changed) return o;
     }
-    return Step::absent;  // the tree kept changing under the scan
+    return Outcome::of(Outcome::absent);  // the tree kept changing under the scan
 }
 
-// A skill's SKILL.md, opened for reading: resolved from the root's text as the plain
-// route resolves it, then walked down from the root's descriptor without following links.
+// A skill's SKILL.md: its real path, and the directory that holds it opened below the root.
 struct SkillFile {
     std::string real;
-    Fd fd;
+    Fd directory;      // owned when below the root
+    int at = -1;       // the directory's descriptor: `directory`, or the root's
+    std::string name;  // within it
 };
 
-Step open_below(const Root& root, const Resolution& r, SkillFile& file) {
-    if (!root.fd || file.real.size() <= root.path.size()) return Step::absent;  // not a file below it
+// Reaches the real path's directory from the root's descriptor without following links, and
+// tells whether the file there is a regular one (is_file()), as the resolution saw it.
+Outcome locate(const Root& root, const Resolution& r, SkillFile& file) {
+    if (!root.fd || file.real.size() <= root.path.size()) return Outcome::of(Outcome::absent);  // not below it
     std::string_view rest(file.real);
     rest.remove_prefix(root.path == "/" ? 1 : root.path.size() + 1);
-    Fd directory;
-    int at = root.fd.get();
+    file.at = root.fd.get();
     for (std::size_t slash; (slash = rest.find('/')) != std::string_view::npos; rest.remove_prefix(slash + 1)) {
         const std::string name(rest.substr(0, slash));
-        directory = Fd(::openat(at, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!directory) return not_there(errno) || errno == ELOOP ? Step::changed : Step::plain;
-        at = directory.get();
+        file.directory = Fd(::openat(file.at, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!file.directory) return moved_or_plain(errno);
+        file.at = file.directory.get();
     }
-    const std::string name(rest);
+    file.name = rest;
+    if (r.last.path == file.real) return Outcome::of(S_ISREG(r.last.mode) ? Outcome::done : Outcome::absent);
+    // The last component was reached through a link met earlier in the same resolution.
     struct stat st;
-    if (r.last.path != file.real) {
-        if (::fstatat(at, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0)
-            return not_there(errno) ? Step::changed : Step::plain;
-        if (S_ISLNK(st.st_mode)) return Step::changed;
-        if (!S_ISREG(st.st_mode)) return Step::absent;
-    } else if (!S_ISREG(r.last.mode)) {
-        return Step::absent;  // is_file() is false: a directory, a pipe, a device
-    }
-    file.fd = Fd(::openat(at, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (!file.fd) return not_there(errno) || errno == ELOOP ? Step::changed : Step::plain;
-    if (::fstat(file.fd.get(), &st) != 0) return Step::plain;
-    // Replaced since the resolution: by another file, which is as much inside and read as it is
-    // now; by anything else, resolve again.
-    return S_ISREG(st.st_mode) ? Step::done : Step::changed;
+    if (::fstatat(file.at, file.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return moved_or_plain(errno);
+    if (S_ISLNK(st.st_mode)) return Outcome::of(Outcome::changed);
+    return Outcome::of(S_ISREG(st.st_mode) ? Outcome::done : Outcome::absent);
 }
 
-Step open_skill(const Root& root, const std::string& rest, SkillFile& file) {
-    for (int attempt = 0; attempt < max_attempts; ++attempt) {
-        Resolution r;
-        file.real = root.path;
-        const int error = realpath(file.real, rest, r);
-        if (error == 0 && !inside(file.real, root.path)) return Step::absent;
-        const Step step = error != 0 ? from_errno(error) : open_below(root, r, file);
-        if (step != Step::changed) return step;
-    }
-    return Step::absent;  // the tree kept changing under the scan
+// The file itself, opened for reading as the host's open would, but without following a link
+// or blocking on a file that is not regular.
+Outcome open_file(const SkillFile& file, Fd& fd) {
+    fd = Fd(::openat(file.at, file.name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!fd)
+        return errno == ENOENT || errno == ENOTDIR || errno == ELOOP ? Outcome::of(Outcome::changed)
+                                                                     : Outcome::os_error(errno, file.real);
+    struct stat st;
+    if (::fstat(fd.get(), &st) != 0) return Outcome::of(Outcome::plain);
+    // Replaced since the resolution: by another file, which is as much inside and read as it is
+    // now; by anything else, resolve again.
+    return Outcome::of(S_ISREG(st.st_mode) ? Outcome::done : Outcome::changed);
 }
 
 // The first `size` bytes of an open regular file, as one buffered read returns them.
@@ -482,13 +667,11 @@ int read_head(int fd, std::size_t size, std::string& head) {
     return 0;
 }
 
-// The audit event the host's open fires for this path, then the head read; nothing when
-// a hook refused the open or the read failed, for the plain route to meet the same.
-std::optional<Ref> read_opened(const Context& cx, PyObject* path_text, Fd fd, std::size_t size) {
-    if (PySys_Audit("open", "Osi", path_text, "r", O_RDONLY | O_CLOEXEC) < 0) {
-        PyErr_Clear();
-        return std::nullopt;
-    }
+// The host's open of a file for read_stamp: its audit event, which a hook may refuse, comes first.
+bool audit_open(PyObject* path_text) { return PySys_Audit("open", "Osi", path_text, "r", O_RDONLY | O_CLOEXEC) == 0; }
+
+// The head of an open file, read, and the stamp in it; the error set when the read fails.
+std::optional<Ref> stamp_from(const Context& cx, Fd fd, std::size_t size) {
     std::string head;
     int error;
     {
@@ -496,27 +679,88 @@ std::optional<Ref> read_opened(const Context& cx, PyObject* path_text, Fd fd, st
         error = read_head(fd.get(), size, head);
         fd = Fd();
     }
-    if (error != 0) return std::nullopt;
+    if (error != 0) {
+        set_host_error(Outcome::os_error(error), false);
+        return std::nullopt;
+    }
     Ref bytes = Ref::steal(PyBytes_FromStringAndSize(head.data(), static_cast<Py_ssize_t>(head.size())));
     return stamp_of_head(cx, bytes.get());
 }
 
+// The root as the plain route's path object.
+PyObject* root_object(const Context& cx, Root& root) {
+    if (!root.object) root.object = call(owner(cx, Owner::path_class), {fs_text(root.path).get()});
+    return root.object.get();
+}
+
+// The error being raised below `inner`, one of the module's functions that `_stamp_inside` calls,
+// met by `_stamp_inside`'s handler as the plain route meets it: None, the path logged when it
+// cannot be read, any other error passed on. `path` is the one the handler names.
+Ref skill_failure(const Context& cx, PyObject* inner, PyObject* path) {
+    trace_through(cx, inner);
+    trace_through(cx, cx.held(Held::own_stamp_inside));
+    return handle_unreadable(cx, CaughtError(), path, [] { return Ref::borrow(Py_None); });
+}
+
 // One skill's stamp, natively; nothing when `_stamp_inside` must answer it.
-std::optional<Ref> native_stamp(const Context& cx, const Root& root, PyObject* skill) {
+std::optional<Ref> native_stamp(const Context& cx, Root& root, PyObject* skill) {
     auto name = fs_bytes(skill);
-    auto file_name = fs_bytes(cx.peek(Name::SKILL_FILE));
+    Ref file_name_text = cx.global(Name::SKILL_FILE);
+    auto file_name = fs_bytes(file_name_text.get());
     const auto size = head_size(cx);
     if (!name || !file_name || !size) return std::nullopt;
-    SkillFile file;
-    Step step;
-    {
-        WithoutGil unlocked;
-        step = open_skill(root, *name + "/" + *file_name, file);
+    // The error set now, raised in `inner` under `_stamp_inside`, whose handler names
+    // `root / skill / SKILL_FILE`.
+    auto failure_in = [&](PyObject* inner) {
+        PyObject *type, *value, *tb;
+        PyErr_Fetch(&type, &value, &tb);
+        Ref pending[] = {Ref::steal_or_null(type), Ref::steal_or_null(value), Ref::steal_or_null(tb)};
+        Ref skill_dir = Ref::steal(PyNumber_TrueDivide(root_object(cx, root), skill));
+        Ref path = Ref::steal(PyNumber_TrueDivide(skill_dir.get(), file_name_text.get()));
+        PyErr_Restore(pending[0].release(), pending[1].release(), pending[2].release());
+        return skill_failure(cx, inner, path.get());
+    };
+    const std::string rest = *name + "/" + *file_name;
+    const int nesting = nesting_allowed(Resolver::skill);
+    for (int attempt = 0; attempt < max_attempts; ++attempt) {
+        SkillFile file;
+        Outcome o;
+        {
+            WithoutGil unlocked;
+            Resolution r;
+            r.nesting_allowed = nesting;
+            file.real = root.path;
+            o = realpath(file.real, rest, r);
+            if (o.kind == Outcome::done)
+                o = inside(file.real, root.path) ? locate(root, r, file) : Outcome::of(Outcome::absent);
+        }
+        if (o.kind == Outcome::changed) continue;
+        if (o.kind == Outcome::absent) return Ref::borrow(Py_None);
+        if (o.kind == Outcome::plain) return std::nullopt;
+        if (o.kind != Outcome::done) {
+            set_host_error(o, true);
+            return failure_in(cx.held(Held::own_inside_root));
+        }
+        // read_stamp(real): the open event, the open, the read.
+        if (!audit_open(fs_text(file.real).get())) return failure_in(cx.held(Held::own_read_stamp));
+        Fd fd;
+        {
+            WithoutGil unlocked;
+            o = open_file(file, fd);
+        }
+        if (o.kind == Outcome::changed) continue;
+        if (o.kind == Outcome::plain) return std::nullopt;
+        if (o.kind != Outcome::done) {
+            set_host_error(o, false);
+            return failure_in(cx.held(Held::own_read_stamp));
+        }
+        try {
+            if (std::optional<Ref> stamp = stamp_from(cx, std::move(fd), *size)) return stamp;
+        } catch (const PythonError&) {
+        }
+        return failure_in(cx.held(Held::own_read_stamp));  // the read or the stamp's search failed
     }
-    if (step == Step::absent) return Ref::borrow(Py_None);
-    if (step != Step::done) return std::nullopt;
-    Ref real = fs_text(file.real);
-    return read_opened(cx, real.get(), std::move(file.fd), *size);
+    return Ref::borrow(Py_None);  // the tree kept changing under the scan
 }
 
 // SKILL_NAMES as the scan would iterate it, when it is a tuple of plain texts, so that the
@@ -538,7 +782,10 @@ std::optional<std::string> path_bytes(PyObject* path) {
 
 void capture_scan_originals(State& st, PyObject* module_dict) {
     try {
-        Ref pathlib = Ref::steal(PyImport_ImportModule("pathlib"));
+        // The module's own import statements brought pathlib in; it is taken from the registry
+        // of loaded modules, without importing anything more.
+        Ref pathlib = Ref::steal_or_null(PyImport_GetModule(str("pathlib").get()));
+        if (!pathlib) return;
         Ref os = getattr(pathlib.get(), str("os").get());
         Ref posixpath = getattr(os.get(), str("path").get());
         Ref stat = getattr(posixpath.get(), str("stat").get());
@@ -576,25 +823,26 @@ std::optional<Ref> native_stamps_in(const Context& cx, PyObject* directory) {
     const auto path = path_bytes(directory);
     if (!path) return std::nullopt;
     Root root;
-    Step step;
+    Outcome o;
+    const int nesting = nesting_allowed(Resolver::directory);
     {
         WithoutGil unlocked;
-        step = resolve_root(*path, root);
+        o = resolve_root(*path, nesting, root);
     }
-    if (step == Step::absent) return all_absent(cx);
-    if (step != Step::done) return std::nullopt;
+    if (o.kind == Outcome::absent) return all_absent(cx);
+    if (o.kind == Outcome::plain) return std::nullopt;
+    if (o.kind != Outcome::done) {
+        set_host_error(o, true);
+        return except_unreadable(cx, directory, [&] { return all_absent(cx); });
+    }
 
-    Ref root_path;  // the root as a path object, made when a skill goes the plain route
     Ref stamps = Ref::steal(PyDict_New());
     Ref names = cx.global(Name::SKILL_NAMES);
     Ref it = iterate(names.get());
     while (Ref skill = next(it.get())) {
         std::optional<Ref> stamp;
         if (skill_unchanged(cx, skill.get())) stamp = native_stamp(cx, root, skill.get());
-        if (!stamp) {
-            if (!root_path) root_path = call(owner(cx, Owner::path_class), {fs_text(root.path).get()});
-            stamp = call(cx.global(Name::_stamp_inside).get(), {root_path.get(), skill.get()});
-        }
+        if (!stamp) stamp = call(cx.global(Name::_stamp_inside).get(), {root_object(cx, root), skill.get()});
         check(PyDict_SetItem(stamps.get(), skill.get(), stamp->get()));
     }
     return stamps;
@@ -606,15 +854,29 @@ std::optional<Ref> native_read_stamp(const Context& cx, PyObject* path) {
     Ref text = Ref::steal(PyOS_FSPath(path));
     const auto bytes = PyUnicode_CheckExact(text.get()) ? fs_bytes(text.get()) : std::nullopt;
     if (!bytes) return std::nullopt;
+    // What the host would block on, or read as it comes (a pipe, a device), it reads itself.
+    struct stat st;
+    if (::stat(bytes->c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) return std::nullopt;
+    if (!audit_open(text.get())) raise();
     Fd fd;
+    int error = 0;
     {
         WithoutGil unlocked;
         fd = Fd(::open(bytes->c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-        struct stat st;
-        if (fd && (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))) fd = Fd();
+        if (!fd || ::fstat(fd.get(), &st) != 0) {
+            error = errno;
+        } else if (S_ISDIR(st.st_mode)) {
+            error = EISDIR;  // the host's open refuses a directory once it is open
+        }
     }
-    if (!fd) return std::nullopt;  // not there, not a regular file, or not readable: the host says which
-    return read_opened(cx, text.get(), std::move(fd), *size);
+    if (error != 0) {
+        set_host_error(Outcome{Outcome::failed, error, *bytes}, false);
+        raise();
+    }
+    if (!S_ISREG(st.st_mode)) return std::nullopt;  // swapped since: the host's objects read it
+    std::optional<Ref> stamp = stamp_from(cx, std::move(fd), *size);
+    if (!stamp) raise();
+    return stamp;
 }
 
 }  // namespace agent_skills

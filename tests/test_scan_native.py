@@ -6,6 +6,7 @@ import os
 import pathlib
 import random
 import re
+import subprocess
 import sys
 import threading
 
@@ -147,31 +148,184 @@ def test_under_a_fake_file_system_the_host_objects_answer(monkeypatch):
     }
 
 
+RACE = """
+import os, pathlib, sys, threading, time
+from zobek_lumeno.utils import agent_skills as m
+skills, links, swap_in = pathlib.Path(sys.argv[1]), int(sys.argv[2]), sys.argv[3]
+opened, done = [], threading.Event()
+sys.addaudithook(lambda event, args: event == "open" and opened.append(args[0]))
+chain = [skills / "lumeno/SKILL.md", *(skills / f"lumeno/link{i}" for i in range(links))]
+for link, target in zip(chain, chain[1:]):
+    link.symlink_to(target.name)
+path, spare, odd = chain[-1], skills / "lumeno/spare", skills / "lumeno/odd"
+
+def swap():
+    while not done.is_set():
+        spare.write_text("version: 1.0\\n")
+        odd.symlink_to(skills.parent / "SKILL.md") if swap_in == "link out" else os.mkfifo(odd)
+        os.replace(odd, path)
+        os.replace(spare, path)
+
+swapper = threading.Thread(target=swap)
+swapper.start()
+seen, end = set(), time.monotonic() + 2
+while time.monotonic() < end:
+    seen.add(m._stamps_in(skills)["lumeno"])
+done.set()
+swapper.join()
+outside = [name for name in opened if not name.startswith(f"{skills}/")]
+print(sorted(map(str, seen)), str(path) in opened, outside)
+"""
+
+
+@pytest.mark.parametrize("links", [0, 100])
 @pytest.mark.parametrize("swap_in", ["link out", "fifo"])
-def test_a_file_swapped_while_scanning_is_never_read_outside(skills, swap_in):
-    """Another thread keeps replacing a SKILL.md by a link out of the directory or a FIFO; every scan
-    answers with the file's stamp or None, and none blocks."""
-    path, (spare, odd) = skills / "lumeno/SKILL.md", (skills / "lumeno/spare", skills / "lumeno/odd")
+def test_a_file_swapped_while_scanning_is_never_read_outside(skills, swap_in, links):
+    """Another thread keeps replacing a SKILL.md, or the end of a chain of links to it, by a link out of
+    the directory or a FIFO; every scan answers with the file's stamp or None, none blocks (a child
+    process, bounded in time), and nothing outside is opened."""
     (skills.parent / "SKILL.md").write_text(OUTSIDE)
-    done = threading.Event()
+    (skills / "lumeno/SKILL.md").unlink()
+    command = [sys.executable, "-c", RACE, str(skills), str(links), swap_in]
+    done = subprocess.run(command, capture_output=True, text=True, timeout=30)
+    assert (done.returncode, done.stderr) == (0, "")
+    assert done.stdout.split() == ["['1.0',", "'None']", "True", "[]"]
 
-    def swap():
-        while not done.is_set():
-            spare.write_text("version: 1.0\n")
-            odd.symlink_to(skills.parent / "SKILL.md") if swap_in == "link out" else os.mkfifo(odd)
-            os.replace(odd, path)
-            os.replace(spare, path)
 
-    swapper = threading.Thread(target=swap)
-    swapper.start()
-    OPENED.clear()
-    RECORDING.set()
-    try:
-        seen = {m._stamps_in(skills)["lumeno"] for _ in range(3000)}
-    finally:
-        RECORDING.clear()
-        done.set()
-        swapper.join()
-    assert seen <= {"1.0", None} and "1.0" in seen
-    assert str(path) in {args[0] for args in OPENED}
-    assert [args for args in OPENED if not args[0].startswith(f"{skills}/")] == []
+def chain(first, links, end):
+    """`first` -> link1 -> ... -> end, every link beside `first`."""
+    names = [first.name, *(f"link{i}" for i in range(1, links))]
+    for name, target in zip(names, [*names[1:], end], strict=True):
+        (first.parent / name).symlink_to(target)
+
+
+def test_nested_links_past_the_recursion_limit(skills, own_logger, monkeypatch):
+    """A skills directory reached through 200 nested links and a SKILL.md through 300: from every caller's
+    depth around the two where the host's resolution meets its recursion limit, the native route answers,
+    and warns, as the plain route does."""
+    (skills.parent / "links").mkdir()
+    chain(skills.parent / "links/top", 200, str(skills))
+    (skills / "lumeno/SKILL.md").unlink()
+    chain(skills / "lumeno/SKILL.md", 300, "../store/SKILL.md")
+    warnings = []
+    monkeypatch.setattr(
+        m, "logger", own_logger("deep", lambda r: warnings.append((r.args, repr(r.exc_info[1]))))
+    )
+    is_file = pathlib.Path.is_file
+
+    def scan(depth, plain_route):
+        monkeypatch.setattr(m, "_UNREADABLE", set())
+        warnings.clear()
+        if plain_route:  # an equal is_file of the tests' own: the host's route, with the same frames below
+            monkeypatch.setattr(pathlib.Path, "is_file", lambda self: is_file(self))
+        try:
+            return nested(depth, lambda: m._stamps_in(skills.parent / "links/top")["lumeno"]), warnings[:]
+        finally:
+            monkeypatch.setattr(pathlib.Path, "is_file", is_file)
+
+    def nested(depth, call):
+        return nested(depth - 1, call) if depth else call()
+
+    # Where the plain route's answer changes: None beyond the first depth, warned for the directory beyond
+    # the second; bisected, since each answer holds for every depth past it.
+    frame, used = sys._getframe(), 0
+    while frame:
+        frame, used = frame.f_back, used + 1
+    limit, edges = sys.getrecursionlimit() - used - 40, []  # short of every caller's own limit
+    for deep in (
+        lambda a: a[0] is None,
+        lambda a: a[1] and a[1][0][0] == (str(skills.parent / "links/top"),),
+    ):
+        low, high = 0, limit
+        while low < high:
+            middle = (low + high) // 2
+            low, high = (low, middle) if deep(scan(middle, True)) else (middle + 1, high)
+        edges.append(low)
+    depths = {0, limit, *(edge + step for edge in edges for step in (-2, -1, 0, 1) if edge + step <= limit)}
+    assert {depth: scan(depth, False) for depth in depths} == {depth: scan(depth, True) for depth in depths}
+    assert scan(0, False) == ("2.0", [])
+
+
+def replace_file(args):
+    pathlib.Path(f"{args[0]}.new").write_text("version: 3.0\n")
+    os.replace(f"{args[0]}.new", args[0])
+
+
+HOOKS = {
+    "no hook": lambda args: None,
+    "a hook replacing the file": replace_file,
+    "a hook refusing": lambda args: (_ for _ in ()).throw(PermissionError(13, "refused", args[0])),
+    "a hook failing": lambda args: (_ for _ in ()).throw(ValueError("not an OSError")),
+}
+HOOK = []  # the hook in force; audit hooks cannot be removed
+sys.addaudithook(lambda event, args: HOOK and event == "open" and args[1] == "r" and HOOK[0](args))
+
+
+@pytest.mark.parametrize("hook", HOOKS.values(), ids=HOOKS)
+def test_one_open_event_before_each_file_is_opened(skills, plain, own_logger, monkeypatch, hook):
+    """On each route, as from the plain formulation: the event comes first and once, so a hook that swaps
+    the file is read after it and one that refuses is met as a failed open; /proc/<pid>/mem, whose read
+    fails once it is open, is opened once."""
+
+    def scan(patch, module, directory, names, file):
+        warned, opened = [], []
+        patch.setattr(module, "logger", own_logger("audit", warned.append))
+        patch.setattr(module, "_UNREADABLE", set())
+        patch.setattr(module, "SKILL_NAMES", names)
+        patch.setattr(module, "SKILL_FILE", file)
+        HOOK.append(lambda args: opened.append(args[0]) or hook(args))
+        try:
+            found = module._stamps_in(directory)
+        except ValueError as error:
+            found = repr(error)
+        finally:
+            HOOK.clear()
+        return found, opened, [(r.args, repr(r.exc_info[1])) for r in warned]
+
+    def outcomes(module, plain_route=False):
+        (skills / "lumeno/SKILL.md").write_text("version: 1.0\n")
+        (skills / "store/SKILL.md").write_text("version: 2.0\n")
+        with monkeypatch.context() as patch:
+            if plain_route:  # an equal is_file of the tests' own: the host's route
+                patch.setattr(pathlib.Path, "is_file", lambda self, real=pathlib.Path.is_file: real(self))
+            return [
+                scan(patch, module, skills, m.SKILL_NAMES, "SKILL.md"),
+                scan(patch, module, pathlib.Path("/proc"), (str(os.getpid()),), "mem"),
+            ]
+
+    native = outcomes(m)
+    assert native == outcomes(m, plain_route=True) == outcomes(plain)
+    (stamps, opened, _), (_, [mem], mem_warned) = native
+    assert opened and len(opened) == len(set(opened)) and mem.endswith("/mem") and len(mem_warned) <= 1
+    if hook is replace_file:
+        assert stamps == {"lumeno": "3.0", "lumeno-map": "3.0", "lumeno-wiki": None}
+
+
+@pytest.mark.parametrize(
+    "link, skill_md, stamp",
+    [("../store/SKILL.md", "L/../../lumeno/L", "2.0"), ("../store", "L/../lumeno/L", None)],
+    ids=["a file", "a directory"],
+)
+def test_a_link_met_again_later_in_one_resolution(skills, plain, link, skill_md, stamp):
+    # The last component is a link the resolution already followed: what it found is looked at again.
+    (skills / "lumeno/SKILL.md").unlink()
+    (skills / "lumeno/L").symlink_to(link)
+    (skills / "lumeno/SKILL.md").symlink_to(skill_md)
+    assert m._stamps_in(skills)["lumeno"] == plain._stamps_in(skills)["lumeno"] == stamp
+
+
+@pytest.mark.parametrize(
+    "hook", [HOOKS["no hook"], HOOKS["a hook refusing"]], ids=["no hook", "a hook refusing"]
+)
+@pytest.mark.parametrize("name", ["lumeno/SKILL.md", "lumeno", "missing", "/dev/zero", "/proc/self/mem"])
+def test_read_stamp_opens_once_after_its_event(skills, plain, outcome, hook, name):
+    def read(module):
+        opened = []
+        HOOK.append(lambda args: opened.append(args[0]) or hook(args))
+        try:
+            return outcome(module.read_stamp, skills / name), opened
+        finally:
+            HOOK.clear()
+
+    found = read(m)
+    assert found == read(plain) and found[1] == [str(skills / name)]
