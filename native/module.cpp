@@ -427,12 +427,15 @@ Ref make_record_type(PyObject* module, const char* name, const char* doc, std::i
 
 extern "C" PyMODINIT_FUNC PyInit_agent_skills() {
     using namespace agent_skills;
-    // The interpreter names the module it is loading; keep the full dotted name. The name
-    // is only handed over in this private variable, which the import machinery sets for
-    // the duration of the entry point.
+    // The interpreter names the module it is loading; keep the full dotted name. Before 3.12 the
+    // name is handed over in this private variable, which the import machinery sets for the
+    // duration of the entry point; later versions keep it where no extension can read it, and
+    // name the module from its import's spec alone.
     if (module_def.m_name == nullptr) {
+#if PY_VERSION_HEX < 0x030C0000
         if (_Py_PackageContext != nullptr && std::strrchr(_Py_PackageContext, '.') != nullptr)
             module_name() = _Py_PackageContext;
+#endif
         module_def.m_name = module_name().c_str();
     }
     return PyModuleDef_Init(&module_def);

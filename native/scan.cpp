@@ -30,25 +30,31 @@ namespace {
 
 // --- the guard ----------------------------------------------------------------------
 
-// Where the plain route finds what it calls: the host's modules, the concrete path class
-// and its flavour, captured at import; each is itself reached through a checked entry.
+// Where the plain route finds what it calls: the host's modules, the concrete path class and
+// what it reaches besides, captured at import; each is itself reached through a checked entry.
+// Everything the plain route reaches from `directory.resolve(strict=True)`, `root / skill`,
+// `inside_root`, `is_file` and `read_stamp` is listed, as each version's pathlib and posixpath
+// reach it.
+#if PY_VERSION_HEX >= 0x030D0000
+// pathlib is a package: the path classes and their globals are in pathlib._local, is_file's in
+// pathlib._abc; containment asks the path's parents; realpath walks without recursion.
+enum class Owner { pathlib, pathlib_abc, os, posixpath, stat, io, path_class, parents, count };
+#elif PY_VERSION_HEX >= 0x030C0000
+// Containment asks the path's parents; the flavour is posixpath itself.
+enum class Owner { pathlib, os, posixpath, stat, io, path_class, parents, count };
+#else
 enum class Owner { pathlib, os, posixpath, stat, io, path_class, flavour, count };
+#endif
 
 struct Guarded {
     Owner owner;
     const char* name;
 };
 
-// Everything the plain route reaches from `directory.resolve(strict=True)`, `root / skill`,
-// `inside_root`, `is_file` and `read_stamp`, as found in 3.11's pathlib and posixpath.
 constexpr Guarded guarded[] = {
     {Owner::pathlib, "os"},
     {Owner::pathlib, "io"},
-    {Owner::pathlib, "S_ISREG"},
     {Owner::pathlib, "PurePath"},
-    {Owner::pathlib, "ELOOP"},
-    {Owner::pathlib, "_ignore_error"},
-    {Owner::pathlib, "_IGNORED_ERRNOS"},
     {Owner::os, "path"},
     {Owner::os, "fspath"},
     {Owner::os, "lstat"},
@@ -58,13 +64,7 @@ constexpr Guarded guarded[] = {
     {Owner::posixpath, "os"},
     {Owner::posixpath, "stat"},
     {Owner::posixpath, "realpath"},
-    {Owner::posixpath, "_joinrealpath"},
-    {Owner::posixpath, "abspath"},
-    {Owner::posixpath, "isabs"},
     {Owner::posixpath, "join"},
-    {Owner::posixpath, "split"},
-    {Owner::posixpath, "normpath"},
-    {Owner::posixpath, "_path_normpath"},
     {Owner::posixpath, "_get_sep"},
     {Owner::stat, "S_ISLNK"},
     {Owner::io, "open"},
@@ -73,16 +73,63 @@ constexpr Guarded guarded[] = {
     {Owner::path_class, "stat"},
     {Owner::path_class, "open"},
     {Owner::path_class, "is_relative_to"},
-    {Owner::path_class, "relative_to"},
     {Owner::path_class, "__truediv__"},
-    {Owner::path_class, "_make_child"},
+    {Owner::path_class, "__new__"},
     {Owner::path_class, "__fspath__"},
     {Owner::path_class, "__str__"},
+    {Owner::path_class, "_format_parsed_parts"},
+    {Owner::path_class, "_from_parsed_parts"},
+#if PY_VERSION_HEX >= 0x030C0000
+    {Owner::pathlib, "_PathParents"},
+    {Owner::pathlib, "sys"},
+    {Owner::posixpath, "splitdrive"},
+    {Owner::posixpath, "splitroot"},
+    {Owner::path_class, "__init__"},
+    {Owner::path_class, "__eq__"},
+    {Owner::path_class, "with_segments"},
+    {Owner::path_class, "_parse_path"},
+    {Owner::path_class, "_str_normcase"},
+    {Owner::path_class, "_tail"},
+    {Owner::path_class, "drive"},
+    {Owner::path_class, "root"},
+    {Owner::path_class, "parents"},
+    {Owner::parents, "__init__"},
+    {Owner::parents, "__getitem__"},
+    {Owner::parents, "__len__"},
+    {Owner::parents, "__contains__"},
+    {Owner::parents, "__iter__"},
+#endif
+#if PY_VERSION_HEX >= 0x030D0000
+    {Owner::pathlib, "posixpath"},
+    {Owner::pathlib_abc, "S_ISREG"},
+    {Owner::pathlib_abc, "_ignore_error"},
+    {Owner::pathlib_abc, "_IGNORED_ERRNOS"},
+    {Owner::path_class, "_from_parsed_string"},
+    {Owner::path_class, "_raw_path"},
+    {Owner::path_class, "parser"},
+#else
+    {Owner::pathlib, "S_ISREG"},
+    {Owner::pathlib, "ELOOP"},
+    {Owner::pathlib, "_ignore_error"},
+    {Owner::pathlib, "_IGNORED_ERRNOS"},
+    {Owner::posixpath, "_joinrealpath"},
+    {Owner::posixpath, "abspath"},
+    {Owner::posixpath, "isabs"},
+    {Owner::posixpath, "split"},
+    {Owner::posixpath, "normpath"},
+    {Owner::posixpath, "_path_normpath"},
+    {Owner::path_class, "_flavour"},
+#endif
+#if PY_VERSION_HEX >= 0x030C0000 && PY_VERSION_HEX < 0x030D0000
+    {Owner::pathlib, "_is_case_sensitive"},
+    {Owner::path_class, "joinpath"},
+    {Owner::path_class, "_load_parts"},
+#endif
+#if PY_VERSION_HEX < 0x030C0000
+    {Owner::path_class, "relative_to"},
+    {Owner::path_class, "_make_child"},
     {Owner::path_class, "_parse_args"},
     {Owner::path_class, "_from_parts"},
-    {Owner::path_class, "_from_parsed_parts"},
-    {Owner::path_class, "_format_parsed_parts"},
-    {Owner::path_class, "_flavour"},
     {Owner::flavour, "parse_parts"},
     {Owner::flavour, "join_parsed_parts"},
     {Owner::flavour, "splitroot"},
@@ -90,6 +137,7 @@ constexpr Guarded guarded[] = {
     {Owner::flavour, "join"},
     {Owner::flavour, "sep"},
     {Owner::flavour, "altsep"},
+#endif
 };
 constexpr Py_ssize_t guarded_count = sizeof guarded / sizeof guarded[0];
 
@@ -291,6 +339,111 @@ int nesting_allowed([[maybe_unused]] Resolver where) {
 #endif
 }
 
+// The next component of `rest` from `at`, as str.partition('/') takes it.
+std::string_view next_component(const std::string& rest, std::size_t& at) {
+    const std::size_t slash = rest.find('/', at);
+    const std::size_t end = slash == std::string::npos ? rest.size() : slash;
+    std::string_view name(rest.data() + at, end - at);
+    at = slash == std::string::npos ? rest.size() : slash + 1;
+    return name;
+}
+
+Outcome read_link(const std::string& path, std::string& target) {
+    char buffer[PATH_MAX + 1];
+    const ssize_t n = ::readlink(path.c_str(), buffer, sizeof buffer);
+    // EINVAL: no longer the link lstat saw.
+    if (n < 0) return errno == EINVAL ? Outcome::of(Outcome::changed) : Outcome::os_error(errno, path);
+    if (static_cast<std::size_t>(n) >= sizeof buffer) return Outcome::of(Outcome::plain);
+    target.assign(buffer, static_cast<std::size_t>(n));
+    return Outcome::of(Outcome::done);
+}
+
+// lstat of one component; `is_link` tells whether it is a link, else it is the last identity seen.
+Outcome examine(const std::string& path, Resolution& r, bool& is_link) {
+    struct stat st;
+    if (::lstat(path.c_str(), &st) != 0) return Outcome::os_error(errno, path);
+    is_link = S_ISLNK(st.st_mode);
+    if (!is_link) r.last = {path, st.st_dev, st.st_ino, st.st_mode};
+    return Outcome::of(Outcome::done);
+}
+
+// A link met again while it is being resolved: the host stats it, strictly, to raise the loop.
+Outcome stat_loop(const std::string& path) {
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0) return Outcome::os_error(errno, path);
+    return Outcome::of(Outcome::done);
+}
+
+// The working directory, as os.getcwd gives it; one longer than PATH_MAX fails here with ERANGE,
+// which the host's call does not: the plain route answers then.
+Outcome working_directory(std::string& cwd) {
+    cwd.assign(PATH_MAX, '\0');
+    if (::getcwd(cwd.data(), cwd.size()) == nullptr)
+        return errno == ERANGE ? Outcome::of(Outcome::plain) : Outcome::os_error(errno);
+    cwd.resize(cwd.find('\0'));
+    return Outcome::of(Outcome::done);
+}
+
+#if PY_VERSION_HEX >= 0x030D0000
+
+// os.path.realpath(path + "/" + rest, strict=True) as 3.13 walks it, `path` already resolved (empty:
+// from the root or the working directory, as realpath starts): a stack of components still to resolve.
+Outcome realpath(std::string& path, const std::string& rest, Resolution& r) {
+    if (path.empty() && !rest.empty() && rest.front() == '/') {
+        path.assign(1, '/');
+    } else if (path.empty()) {
+        if (Outcome o = working_directory(path); o.kind != Outcome::done) return o;
+    }
+    // Pending texts, innermost last; a link's own path follows its target's components and
+    // is recorded as resolved once they are.
+    struct Pending {
+        std::string rest;
+        std::size_t at = 0;
+        std::string link;
+    };
+    std::vector<Pending> pending;
+    pending.push_back({rest, 0, {}});
+    while (!pending.empty()) {
+        if (pending.back().at >= pending.back().rest.size()) {
+            if (!pending.back().link.empty()) r.seen[pending.back().link] = path;
+            pending.pop_back();
+            continue;
+        }
+        const std::string_view name = next_component(pending.back().rest, pending.back().at);
+        if (name.empty() || name == ".") continue;
+        if (name == "..") {
+            path.erase(std::max<std::size_t>(path.rfind('/'), 1));
+            continue;
+        }
+        std::string newpath = path;
+        if (newpath != "/") newpath += '/';
+        newpath += name;
+        bool is_link = false;
+        if (Outcome o = examine(newpath, r, is_link); o.kind != Outcome::done) return o;
+        if (!is_link) {
+            path = std::move(newpath);
+            continue;
+        }
+        if (auto seen = r.seen.find(newpath); seen != r.seen.end()) {
+            if (seen->second) {
+                path = *seen->second;
+                continue;
+            }
+            if (Outcome o = stat_loop(newpath); o.kind != Outcome::done) return o;
+            path = std::move(newpath);
+            continue;
+        }
+        std::string target;
+        if (Outcome o = read_link(newpath, target); o.kind != Outcome::done) return o;
+        r.seen.emplace(newpath, std::nullopt);
+        if (!target.empty() && target.front() == '/') path.assign(1, '/');
+        pending.push_back({std::move(target), 0, std::move(newpath)});
+    }
+    return Outcome::of(Outcome::done);
+}
+
+#else
+
 // posixpath.join(a, b) for one component, and posixpath.split.
 void join(std::string& path, std::string_view name) {
     if (!name.empty() && name.front() == '/') {
@@ -334,106 +487,6 @@ std::string normpath(const std::string& path) {
     }
     return out.empty() ? "." : out;
 }
-
-// The next component of `rest` from `at`, as str.partition('/') takes it.
-std::string_view next_component(const std::string& rest, std::size_t& at) {
-    const std::size_t slash = rest.find('/', at);
-    const std::size_t end = slash == std::string::npos ? rest.size() : slash;
-    std::string_view name(rest.data() + at, end - at);
-    at = slash == std::string::npos ? rest.size() : slash + 1;
-    return name;
-}
-
-Outcome read_link(const std::string& path, std::string& target) {
-    char buffer[PATH_MAX + 1];
-    const ssize_t n = ::readlink(path.c_str(), buffer, sizeof buffer);
-    // EINVAL: no longer the link lstat saw.
-    if (n < 0) return errno == EINVAL ? Outcome::of(Outcome::changed) : Outcome::os_error(errno, path);
-    if (static_cast<std::size_t>(n) >= sizeof buffer) return Outcome::of(Outcome::plain);
-    target.assign(buffer, static_cast<std::size_t>(n));
-    return Outcome::of(Outcome::done);
-}
-
-// lstat of one component; `is_link` tells whether it is a link, else it is the last identity seen.
-Outcome examine(const std::string& path, Resolution& r, bool& is_link) {
-    struct stat st;
-    if (::lstat(path.c_str(), &st) != 0) return Outcome::os_error(errno, path);
-    is_link = S_ISLNK(st.st_mode);
-    if (!is_link) r.last = {path, st.st_dev, st.st_ino, st.st_mode};
-    return Outcome::of(Outcome::done);
-}
-
-// A link met again while it is being resolved: the host stats it, strictly, to raise the loop.
-Outcome stat_loop(const std::string& path) {
-    struct stat st;
-    if (::stat(path.c_str(), &st) != 0) return Outcome::os_error(errno, path);
-    return Outcome::of(Outcome::done);
-}
-
-#if PY_VERSION_HEX >= 0x030D0000
-
-// os.path.realpath(filename, strict=True) as 3.13 walks it: from the working directory, a
-// stack of components still to resolve.
-Outcome realpath(std::string& path, const std::string& filename, Resolution& r) {
-    if (!filename.empty() && filename.front() == '/') {
-        path.assign(1, '/');
-    } else {
-        // A working directory longer than PATH_MAX fails with ERANGE: the plain route answers then.
-        std::string cwd(PATH_MAX, '\0');
-        if (::getcwd(cwd.data(), cwd.size()) == nullptr)
-            return errno == ERANGE ? Outcome::of(Outcome::plain) : Outcome::os_error(errno);
-        cwd.resize(cwd.find('\0'));
-        path = std::move(cwd);
-    }
-    // Pending texts, innermost last; a link's own path follows its target's components and
-    // is recorded as resolved once they are.
-    struct Pending {
-        std::string rest;
-        std::size_t at = 0;
-        std::string link;
-    };
-    std::vector<Pending> pending;
-    pending.push_back({filename, 0, {}});
-    while (!pending.empty()) {
-        if (pending.back().at >= pending.back().rest.size()) {
-            if (!pending.back().link.empty()) r.seen[pending.back().link] = path;
-            pending.pop_back();
-            continue;
-        }
-        const std::string_view name = next_component(pending.back().rest, pending.back().at);
-        if (name.empty() || name == ".") continue;
-        if (name == "..") {
-            path.erase(std::max<std::size_t>(path.rfind('/'), 1));
-            continue;
-        }
-        std::string newpath = path;
-        if (newpath != "/") newpath += '/';
-        newpath += name;
-        bool is_link = false;
-        if (Outcome o = examine(newpath, r, is_link); o.kind != Outcome::done) return o;
-        if (!is_link) {
-            path = std::move(newpath);
-            continue;
-        }
-        if (auto seen = r.seen.find(newpath); seen != r.seen.end()) {
-            if (seen->second) {
-                path = *seen->second;
-                continue;
-            }
-            if (Outcome o = stat_loop(newpath); o.kind != Outcome::done) return o;
-            path = std::move(newpath);
-            continue;
-        }
-        std::string target;
-        if (Outcome o = read_link(newpath, target); o.kind != Outcome::done) return o;
-        r.seen.emplace(newpath, std::nullopt);
-        if (!target.empty() && target.front() == '/') path.assign(1, '/');
-        pending.push_back({std::move(target), 0, std::move(newpath)});
-    }
-    return Outcome::of(Outcome::done);
-}
-
-#else
 
 // posixpath._joinrealpath(path, rest, strict=True, seen) as 3.11 and 3.12 recurse into it for
 // each link, here with a stack of the texts each level still has to walk.
@@ -501,15 +554,13 @@ Outcome join_real(std::string& path, const std::string& rest, Resolution& r) {
     return Outcome::of(Outcome::done);
 }
 
-// os.path.realpath(path, strict=True): the walk, then abspath.
-Outcome realpath(std::string& path, const std::string& filename, Resolution& r) {
-    if (Outcome o = join_real(path, filename, r); o.kind != Outcome::done) return o;
+// os.path.realpath(path + "/" + rest, strict=True), `path` already resolved (empty: as realpath
+// starts): the walk, then abspath.
+Outcome realpath(std::string& path, const std::string& rest, Resolution& r) {
+    if (Outcome o = join_real(path, rest, r); o.kind != Outcome::done) return o;
     if (path.empty() || path.front() != '/') {
-        // A working directory longer than PATH_MAX fails with ERANGE: the plain route answers then.
-        std::string cwd(PATH_MAX, '\0');
-        if (::getcwd(cwd.data(), cwd.size()) == nullptr)
-            return errno == ERANGE ? Outcome::of(Outcome::plain) : Outcome::os_error(errno);
-        cwd.resize(cwd.find('\0'));
+        std::string cwd;
+        if (Outcome o = working_directory(cwd); o.kind != Outcome::done) return o;
         join(cwd, path);
         path = std::move(cwd);
     }
@@ -784,16 +835,35 @@ void capture_scan_originals(State& st, PyObject* module_dict) {
     try {
         // The module's own import statements brought pathlib in; it is taken from the registry
         // of loaded modules, without importing anything more.
-        Ref pathlib = Ref::steal_or_null(PyImport_GetModule(str("pathlib").get()));
-        if (!pathlib) return;
+        auto loaded = [](const char* name) { return Ref::steal_or_null(PyImport_GetModule(str(name).get())); };
+        Ref package = loaded("pathlib");
+        if (!package) return;
+#if PY_VERSION_HEX >= 0x030D0000
+        Ref pathlib = loaded("pathlib._local");
+        Ref pathlib_abc = loaded("pathlib._abc");
+        if (!pathlib || !pathlib_abc) return;
+#else
+        Ref pathlib = Ref::borrow(package.get());
+#endif
         Ref os = getattr(pathlib.get(), str("os").get());
         Ref posixpath = getattr(os.get(), str("path").get());
         Ref stat = getattr(posixpath.get(), str("stat").get());
         Ref io = getattr(pathlib.get(), str("io").get());
-        Ref path_class = getattr(pathlib.get(), str("PosixPath").get());
+        Ref path_class = getattr(package.get(), str("PosixPath").get());
+#if PY_VERSION_HEX >= 0x030D0000
+        Ref parents = getattr(pathlib.get(), str("_PathParents").get());
+        Ref owners = Ref::steal(PyTuple_Pack(static_cast<Py_ssize_t>(Owner::count), pathlib.get(), pathlib_abc.get(),
+                                             os.get(), posixpath.get(), stat.get(), io.get(), path_class.get(),
+                                             parents.get()));
+#elif PY_VERSION_HEX >= 0x030C0000
+        Ref parents = getattr(pathlib.get(), str("_PathParents").get());
+        Ref owners = Ref::steal(PyTuple_Pack(static_cast<Py_ssize_t>(Owner::count), pathlib.get(), os.get(),
+                                             posixpath.get(), stat.get(), io.get(), path_class.get(), parents.get()));
+#else
         Ref flavour = getattr(path_class.get(), str("_flavour").get());
         Ref owners = Ref::steal(PyTuple_Pack(static_cast<Py_ssize_t>(Owner::count), pathlib.get(), os.get(),
                                              posixpath.get(), stat.get(), io.get(), path_class.get(), flavour.get()));
+#endif
         Ref names = Ref::steal(PyTuple_New(guarded_count));
         Ref originals = Ref::steal(PyTuple_New(guarded_count));
         for (Py_ssize_t i = 0; i < guarded_count; ++i) {
@@ -805,7 +875,7 @@ void capture_scan_originals(State& st, PyObject* module_dict) {
             PyTuple_SET_ITEM(originals.get(), i, original.release());
         }
         auto own = [&](const char* name) { return lookup_global(module_dict, module_dict, str(name).get()).release(); };
-        st[Held::path_type] = getattr(pathlib.get(), str("Path").get()).release();
+        st[Held::path_type] = getattr(package.get(), str("Path").get()).release();
         st[Held::own_stamp_inside] = own("_stamp_inside");
         st[Held::own_inside_root] = own("inside_root");
         st[Held::own_read_stamp] = own("read_stamp");

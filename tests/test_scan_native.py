@@ -329,3 +329,23 @@ def test_read_stamp_opens_once_after_its_event(skills, plain, outcome, hook, nam
 
     found = read(m)
     assert found == read(plain) and found[1] == [str(skills / name)]
+
+
+def test_a_link_swapped_in_at_the_open_event_is_not_followed(skills):
+    """The native route is taken (whatever the version), and opens without following a link: a hook that
+    swaps the file for a link out just before the open never gets the outside file read. The host's objects,
+    opening by name, would read it."""
+    (skills.parent / "SKILL.md").write_text(OUTSIDE)
+    (skills / "lumeno/out").symlink_to(skills.parent / "SKILL.md")
+    swapped = []
+
+    def swap(args):
+        if args[0] == str(skills / "lumeno/SKILL.md") and not swapped:
+            swapped.append(os.replace(skills / "lumeno/out", args[0]))
+
+    HOOK.append(swap)
+    try:
+        found = m._stamps_in(skills)
+    finally:
+        HOOK.clear()
+    assert swapped and found == {"lumeno": None, "lumeno-map": "2.0", "lumeno-wiki": None}
