@@ -289,10 +289,12 @@ struct Outcome {
     std::string filename;
 
     static Outcome of(Kind kind) { return {kind, 0, {}}; }
+    // The OSError of a host call that fails, whatever its errno.
+    static Outcome raised(int error, std::string filename = {}) { return {failed, error, std::move(filename)}; }
     // A system call's failure as the host's call meets it: "not there" is answered silently.
     static Outcome os_error(int error, std::string filename = {}) {
         if (error == ENOENT || error == ENOTDIR) return of(absent);
-        return {failed, error, std::move(filename)};
+        return raised(error, std::move(filename));
     }
 };
 
@@ -693,7 +695,7 @@ Outcome open_file(const SkillFile& file, Fd& fd) {
     fd = Fd(::openat(file.at, file.name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!fd)
         return errno == ENOENT || errno == ENOTDIR || errno == ELOOP ? Outcome::of(Outcome::changed)
-                                                                     : Outcome::os_error(errno, file.real);
+                                                                     : Outcome::raised(errno, file.real);
     struct stat st;
     if (::fstat(fd.get(), &st) != 0) return Outcome::of(Outcome::plain);
     // Replaced since the resolution: by another file, which is as much inside and read as it is
@@ -701,39 +703,36 @@ Outcome open_file(const SkillFile& file, Fd& fd) {
     return Outcome::of(S_ISREG(st.st_mode) ? Outcome::done : Outcome::changed);
 }
 
-// The first `size` bytes of an open regular file, as one buffered read returns them.
-int read_head(int fd, std::size_t size, std::string& head) {
-    head.resize(size);
-    std::size_t filled = 0;
-    while (filled < size) {
-        const ssize_t n = ::read(fd, head.data() + filled, size - filled);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return errno;
-        }
-        if (n == 0) break;
-        filled += static_cast<std::size_t>(n);
-    }
-    head.resize(filled);
-    return 0;
-}
-
 // The host's open of a file for read_stamp: its audit event, which a hook may refuse, comes first.
 bool audit_open(PyObject* path_text) { return PySys_Audit("open", "Osi", path_text, "r", O_RDONLY | O_CLOEXEC) == 0; }
 
-// The head of an open file, read, and the stamp in it; the error set when the read fails.
+// The stamp in the first `size` bytes of an open file, as one buffered read returns them, read
+// without the interpreter's lock; nothing, with the error set, when the read fails. An
+// interrupted read lets the signal handlers run first, as the host's read does.
 std::optional<Ref> stamp_from(const Context& cx, Fd fd, std::size_t size) {
-    std::string head;
-    int error;
-    {
-        WithoutGil unlocked;
-        error = read_head(fd.get(), size, head);
-        fd = Fd();
+    std::string head(size, '\0');
+    std::size_t filled = 0;
+    while (filled < size) {
+        ssize_t n;
+        int error;
+        {
+            WithoutGil unlocked;
+            n = ::read(fd.get(), head.data() + filled, size - filled);
+            error = errno;
+        }
+        if (n > 0) {
+            filled += static_cast<std::size_t>(n);
+        } else if (n == 0) {
+            break;
+        } else if (error != EINTR) {
+            set_host_error(Outcome::raised(error), false);
+            return std::nullopt;
+        } else if (PyErr_CheckSignals() < 0) {
+            return std::nullopt;
+        }
     }
-    if (error != 0) {
-        set_host_error(Outcome::os_error(error), false);
-        return std::nullopt;
-    }
+    head.resize(filled);
+    fd = Fd();  // closed before the search, as the host's `with` closes it
     Ref bytes = Ref::steal(PyBytes_FromStringAndSize(head.data(), static_cast<Py_ssize_t>(head.size())));
     return stamp_of_head(cx, bytes.get());
 }
@@ -924,26 +923,24 @@ std::optional<Ref> native_read_stamp(const Context& cx, PyObject* path) {
     Ref text = Ref::steal(PyOS_FSPath(path));
     const auto bytes = PyUnicode_CheckExact(text.get()) ? fs_bytes(text.get()) : std::nullopt;
     if (!bytes) return std::nullopt;
-    // What the host would block on, or read as it comes (a pipe, a device), it reads itself.
-    struct stat st;
-    if (::stat(bytes->c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) return std::nullopt;
     if (!audit_open(text.get())) raise();
+    // Opened as the host opens it: a pipe blocks until a writer comes, and a signal's handler runs
+    // meanwhile; a directory opens, then is refused.
     Fd fd;
-    int error = 0;
-    {
-        WithoutGil unlocked;
-        fd = Fd(::open(bytes->c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-        if (!fd || ::fstat(fd.get(), &st) != 0) {
-            error = errno;
-        } else if (S_ISDIR(st.st_mode)) {
-            error = EISDIR;  // the host's open refuses a directory once it is open
+    struct stat st;
+    int error = EINTR;
+    while (error == EINTR) {
+        {
+            WithoutGil unlocked;
+            fd = Fd(::open(bytes->c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC));
+            error = !fd || ::fstat(fd.get(), &st) != 0 ? errno : S_ISDIR(st.st_mode) ? EISDIR : 0;
         }
+        if (error == EINTR && PyErr_CheckSignals() < 0) raise();
     }
     if (error != 0) {
-        set_host_error(Outcome{Outcome::failed, error, *bytes}, false);
+        set_host_error(Outcome::raised(error, *bytes), false);
         raise();
     }
-    if (!S_ISREG(st.st_mode)) return std::nullopt;  // swapped since: the host's objects read it
     std::optional<Ref> stamp = stamp_from(cx, std::move(fd), *size);
     if (!stamp) raise();
     return stamp;

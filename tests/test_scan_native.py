@@ -349,3 +349,36 @@ def test_a_link_swapped_in_at_the_open_event_is_not_followed(skills):
     finally:
         HOOK.clear()
     assert swapped and found == {"lumeno": None, "lumeno-map": "2.0", "lumeno-wiki": None}
+
+
+FIFO = """
+import importlib, os, pathlib, signal, sys, threading
+sys.path.insert(0, sys.argv[2])
+module, fifo = importlib.import_module(sys.argv[1]), pathlib.Path(sys.argv[3])
+os.mkfifo(fifo)
+def write():
+    with open(fifo, "w") as end:
+        end.write("version: 9.9\\n")
+writer = threading.Thread(target=write)
+writer.start()
+found = [module.read_stamp(fifo)]
+writer.join()
+def interrupt(signum, frame):
+    raise TimeoutError("no writer came")
+signal.signal(signal.SIGALRM, interrupt)
+signal.setitimer(signal.ITIMER_REAL, 0.2)
+try:
+    module.read_stamp(fifo)
+except TimeoutError as error:
+    found.append(str(error))
+print(found)
+"""
+
+
+@pytest.mark.parametrize("module", ["zobek_lumeno.utils.agent_skills", "plain_agent_skills"])
+def test_read_stamp_of_a_fifo_waits_for_its_writer_as_the_host_does(tmp_path, module):
+    # The open blocks until a writer comes, and a signal's handler still runs while it waits.
+    bench = str(pathlib.Path(__file__).parents[1] / "bench")
+    command = [sys.executable, "-c", FIFO, module, bench, str(tmp_path / "fifo")]
+    done = subprocess.run(command, capture_output=True, text=True, timeout=30)
+    assert (done.returncode, done.stderr, done.stdout) == (0, "", "['9.9', 'no writer came']\n")
