@@ -20,7 +20,8 @@ namespace agent_skills {
     X(skill_capable_agents) X(split) X(strict) X(user) X(values) X(version_tuple) X(warning)     \
     X(__enter__) X(__exit__) X(__signature__) X(isEnabledFor) X(makeRecord) X(handle) X(name)   \
     X(_srcfile) X(currentframe) X(findCaller) X(_log) X(__builtins__) X(__import__) X(__file__)   \
-    X(Parameter) X(Signature) X(empty) X(POSITIONAL_OR_KEYWORD) X(KEYWORD_ONLY) X(inspect)
+    X(Parameter) X(Signature) X(empty) X(POSITIONAL_OR_KEYWORD) X(KEYWORD_ONLY) X(inspect) \
+    X(monitoring) X(get_tool)
 // Constant texts the functions build with.
 #define AGENT_SKILLS_TEXTS(X)                                                                  \
     X(rb, "rb") X(utf8, "utf-8") X(replace, "replace") X(empty, "") X(dot, ".")                 \

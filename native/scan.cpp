@@ -163,18 +163,47 @@ Ref current(PyObject* owner, PyObject* name) {
 PyObject* item(PyObject* tuple, Py_ssize_t i) { return PyTuple_GET_ITEM(tuple, i); }
 PyObject* owner(const Context& cx, Owner o) { return item(cx.held(Held::scan_owners), static_cast<Py_ssize_t>(o)); }
 
-// Whether a profile or trace function is set on this thread: they must see the host's
-// calls. The thread state's fields are the only way to ask without building objects.
-bool traced() {
+#if PY_VERSION_HEX >= 0x030C0000
+// Whether a tool of sys.monitoring is registered: it may watch the host's calls as a profiler does.
+// Nothing short of asking it tells; in the usual case no tool is, and each answer is None.
+bool monitored(const Context& cx) {
+    PyObject* monitoring = PySys_GetObject("monitoring");
+    if (monitoring == nullptr) return false;
+    try {
+        Ref get_tool = getattr(monitoring, cx.name(Name::get_tool));
+        for (long tool = 0; tool < 6; ++tool) {  // the tool identifiers sys.monitoring hands out
+            Ref id = Ref::steal(PyLong_FromLong(tool));
+            if (call(get_tool.get(), {id.get()}).get() != Py_None) return true;
+        }
+    } catch (const PythonError&) {
+        PyErr_Clear();  // cannot tell: the plain route, which a tool would see
+        return true;
+    }
+    return false;
+}
+#endif
+
+// Whether a profile or trace function is set on this thread: they must see the host's calls.
+// The thread state's fields are the only way to ask without building objects.
+bool profiled() {
     PyThreadState* ts = PyThreadState_Get();
     return ts->c_profilefunc != nullptr || ts->c_tracefunc != nullptr;
+}
+
+// The same, or a tool of sys.monitoring registered.
+bool traced([[maybe_unused]] const Context& cx) {
+#if PY_VERSION_HEX >= 0x030C0000
+    return profiled() || monitored(cx);
+#else
+    return profiled();
+#endif
 }
 
 // The guard: whether the plain route, given this path object, would reach nothing but the
 // host objects seen at import (each compared by identity), and no profile or trace function
 // is set to see those calls.
 bool route_open(const Context& cx, PyObject* path) {
-    if (cx.held(Held::scan_originals) == nullptr || traced()) return false;
+    if (cx.held(Held::scan_originals) == nullptr || traced(cx)) return false;
     if (cx.peek(Name::Path) != cx.held(Held::path_type)) return false;
     if (Py_TYPE(path) != reinterpret_cast<PyTypeObject*>(owner(cx, Owner::path_class))) return false;
     PyObject* names = cx.held(Held::scan_names);
@@ -216,7 +245,7 @@ std::optional<std::size_t> head_size(const Context& cx) {
 // Whether the plain route for one skill would run the module's own functions on plain
 // texts: then the native route answers as they would.
 bool skill_unchanged(const Context& cx, PyObject* skill) {
-    return !traced() && cx.peek(Name::_stamp_inside) == cx.held(Held::own_stamp_inside) &&
+    return !profiled() && cx.peek(Name::_stamp_inside) == cx.held(Held::own_stamp_inside) &&
            cx.peek(Name::inside_root) == cx.held(Held::own_inside_root) &&
            cx.peek(Name::read_stamp) == cx.held(Held::own_read_stamp) && plain_component(skill) &&
            plain_component(cx.peek(Name::SKILL_FILE)) && head_size(cx);

@@ -382,3 +382,26 @@ def test_read_stamp_of_a_fifo_waits_for_its_writer_as_the_host_does(tmp_path, mo
     command = [sys.executable, "-c", FIFO, module, bench, str(tmp_path / "fifo")]
     done = subprocess.run(command, capture_output=True, text=True, timeout=30)
     assert (done.returncode, done.stderr, done.stdout) == (0, "", "['9.9', 'no writer came']\n")
+
+
+@pytest.mark.skipif(not hasattr(sys, "monitoring"), reason="sys.monitoring came with 3.12")
+def test_a_monitoring_tool_sees_the_host_calls_the_plain_formulation_makes(skills, plain):
+    def started(module):
+        seen, tool, events = [], sys.monitoring.PROFILER_ID, sys.monitoring.events.PY_START
+        sys.monitoring.use_tool_id(tool, "test")
+        try:
+
+            def record(code, offset):
+                if "pathlib" in code.co_filename or "posixpath" in code.co_filename:
+                    seen.append(code.co_qualname)
+
+            sys.monitoring.register_callback(tool, events, record)
+            directory = pathlib.Path(str(skills))  # a path of its own: none has cached its parts
+            sys.monitoring.set_events(tool, events)
+            module._stamps_in(directory)
+        finally:
+            sys.monitoring.set_events(tool, 0)
+            sys.monitoring.free_tool_id(tool)
+        return seen
+
+    assert started(m) == started(plain) != []
