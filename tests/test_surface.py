@@ -5,6 +5,7 @@ import copy
 import functools
 import inspect
 import json
+import operator
 import pathlib
 import pickle
 import pydoc
@@ -138,6 +139,38 @@ def test_import_afresh_after_failing_and_under_another_name(tmp_path):
     assert report["top"] == ["agent_skills", "", "agent_skills", "agent_skills", False]
 
 
+def test_imports_only_its_own_statements(plain):
+    """An __import__ spy set before a fresh execution of the module sees its seven import statements and
+    nothing more, and asking for the functions' signatures imports nothing."""
+    script = f"""
+        import builtins, importlib.util, inspect, json
+        import itertools, logging, re, collections.abc, pathlib, typing, zobek_lumeno.utils
+        real, seen = builtins.__import__, []
+        def spy(name, *args):
+            seen[-1].append(name)
+            return real(name, *args)
+        native = importlib.util.find_spec({MODULE!r})
+        plain = importlib.util.spec_from_file_location({MODULE!r}, {plain.__file__!r})
+        code = compile(open(plain.origin).read(), plain.origin, "exec")
+        for spec, run in (native, native.loader.exec_module), (plain, lambda module: exec(code, vars(module))):
+            module = importlib.util.module_from_spec(spec)
+            seen.append([])
+            builtins.__import__ = spy
+            run(module)
+            for qualname in {QUALNAMES!r}:
+                f = getattr(module, qualname) if "." not in qualname else module.InstalledSkill.stale.fget
+                inspect.signature(f), inspect.signature(f, eval_str=True)
+            builtins.__import__ = real
+        print(json.dumps(seen))
+    """
+    done = subprocess.run([sys.executable, "-c", textwrap.dedent(script)], capture_output=True, text=True)
+    assert done.returncode == 0, done.stderr
+    names = ["itertools", "logging", "re", "collections.abc", "pathlib", "typing", "zobek_lumeno"]
+    # The scan's guard still captures pathlib through __import__: [] once it reads sys.modules.
+    pending = ["pathlib"]
+    assert json.loads(done.stdout) == [names + pending, names]
+
+
 def pydoc_body(f):
     # pydoc's header names Python functions by type, which no extension type can match; the body must.
     return pydoc.render_doc(f, renderer=pydoc.plaintext).split("\n", 1)[1]
@@ -153,6 +186,17 @@ def test_functions_as_python_makes_them(plain, qualname):
     assert facts[0] == facts[1]
     assert list(f.__annotations__.items()) == list(reference.__annotations__.items())
     assert str(inspect.signature(f)) == str(inspect.signature(reference)) and f.__globals__ is vars(m)
+    # The annotation texts evaluated in the module's namespace, as for a function of its source.
+    evaluated = [str(inspect.signature(g, eval_str=True)) for g in (f, reference)]
+    assert evaluated[0] == evaluated[1] != str(inspect.signature(f))
+    code, expected = f.__code__, reference.__code__
+    described = operator.attrgetter(
+        "co_argcount", "co_posonlyargcount", "co_kwonlyargcount", "co_flags", "co_name", "co_qualname"
+    )
+    assert described(code) == described(expected)
+    n = code.co_argcount + code.co_kwonlyargcount
+    assert code.co_varnames == expected.co_varnames[:n] and code.co_nlocals == n and f.__code__ is code
+    assert (code.co_filename, code.co_firstlineno) == (m.__file__, 0)
     typing.get_type_hints(f)  # the annotation texts resolve in the module's namespace
     assert repr(f).startswith(f"<function {qualname} at 0x") and pydoc_body(f) == pydoc_body(reference)
     assert weakref.ref(f)() is f and copy.copy(f) is f and copy.deepcopy(f) is f
@@ -177,11 +221,13 @@ def test_function_attributes_and_binding(monkeypatch, tmp_path):
     assert f.__annotations__ == {} and f.__annotations__ is f.__annotations__  # made anew, once, as in Python
     f.__annotations__ = annotations
     replaced = f.__signature__ = inspect.Signature()
-    assert inspect.signature(f) is replaced
+    assert inspect.signature(f) is replaced and f.__dict__ == {"__signature__": replaced}
     del f.__signature__
-    with pytest.raises(AttributeError):
+    with pytest.raises(AttributeError, match=r"^'function' object has no attribute '__signature__'$"):
         del f.__signature__
     assert str(inspect.signature(f)) == "(roots: 'dict[str, tuple[str, ...]]') -> 'list[str]'"
+    wrapper = functools.wraps(f)(lambda *args: f(*args))
+    assert inspect.signature(wrapper, eval_str=True) == inspect.signature(f, eval_str=True)
     # A function binds as a method on a class, and stays itself from the class or from None.
     roots = type("Roots", (dict,), {"read": f})(a=(".b", ".a"))
     assert roots.read() == [".a", ".b"] and type(roots).read is f and f.__get__(None, dict) is f
