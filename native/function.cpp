@@ -290,19 +290,20 @@ PyObject* code_of(FunctionObject* f) {
         Ref names = Ref::steal(PyTuple_New(decl.parameter_count));
         for (int i = 0; i < decl.parameter_count; ++i)
             PyTuple_SET_ITEM(names.get(), i, Py_NewRef(f->parameter_names[i]));
-        Ref counts[] = {Ref::steal(PyLong_FromLong(argcount)), Ref::steal(PyLong_FromLong(0)),
+        Ref counts[] = {Ref::steal(PyLong_FromLong(argcount)),
                         Ref::steal(PyLong_FromLong(decl.parameter_count - argcount)),
                         Ref::steal(PyLong_FromLong(decl.parameter_count)),
                         Ref::steal(PyLong_FromLong(CO_OPTIMIZED | CO_NEWLOCALS))};
         Ref qualname = str(decl.qualname);
-        Ref kwnames = Ref::steal(Py_BuildValue("(ssssssss)", "co_argcount", "co_posonlyargcount", "co_kwonlyargcount",
-                                               "co_nlocals", "co_flags", "co_varnames", "co_qualname", "co_filename"));
+        // No parameter is positional-only: the empty code's co_posonlyargcount (0) stands.
+        Ref kwnames = Ref::steal(Py_BuildValue("(sssssss)", "co_argcount", "co_kwonlyargcount", "co_nlocals",
+                                               "co_flags", "co_varnames", "co_qualname", "co_filename"));
         // The file goes in as the text object it is, which need not be valid UTF-8.
         Ref empty = Ref::steal(reinterpret_cast<PyObject*>(PyCode_NewEmpty("", decl.name, 0)));
-        f->code = call_method_kw(empty.get(), st[Text::replace], kwnames.get(), counts[0].get(), counts[1].get(),
-                                 counts[2].get(), counts[3].get(), counts[4].get(), names.get(), qualname.get(),
-                                 st[Held::file])
-                      .release();
+        Ref code = call_method_kw(empty.get(), st[Text::replace], kwnames.get(), counts[0].get(), counts[1].get(),
+                                  counts[2].get(), counts[3].get(), names.get(), qualname.get(), st[Held::file]);
+        // Another thread may have made one meanwhile (the host's code above can switch threads): keep the first.
+        if (f->code == nullptr) f->code = code.release();
         return f->code;
     } catch (const PythonError&) {
         return nullptr;
