@@ -6,6 +6,7 @@ import logging
 import os
 import pathlib
 import sys
+import traceback
 
 import pytest
 
@@ -187,9 +188,13 @@ TRACED = {
 @pytest.mark.parametrize("call", TRACED.values(), ids=TRACED)
 def test_traceback_entries_name_the_functions_as_their_source_does(plain, base, monkeypatch, call):
     monkeypatch.setattr(pathlib.Path, "resolve", lambda path, strict: 1 / 0)
-    entries = []
+    entries, errors = [], []
     for module in (m, plain):
         with pytest.raises(Exception) as caught:
             call(module, base)
+        errors.append(caught.value)
         entries.append([(code.co_name, code.co_qualname) for code in codes(caught.value.__traceback__)[1:]])
     assert entries[0] == entries[1] and len(entries[0]) > 1
+    # The functions' entries have parameters but no local variables to show.
+    shown = traceback.TracebackException.from_exception(errors[0], capture_locals=True).stack
+    assert [entry.locals for entry in shown if entry.filename == m.__file__] == [None, None]
