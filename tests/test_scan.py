@@ -7,6 +7,7 @@ import os
 import pathlib
 import sys
 import traceback
+import types
 
 import pytest
 
@@ -173,6 +174,16 @@ def test_tracebacks_pass_through_the_module_functions(base, caplog, monkeypatch)
     with pytest.raises(TypeError) as caught:  # refused before the body runs: no frame of its own
         m._stamps_in()
     assert names(caught.value.__traceback__)[1:] == []
+
+
+def test_a_logging_package_not_registered_leaves_the_logger_to_log_by_itself(monkeypatch, own_logger):
+    made = []
+    logger = own_logger("fresh", made.append)
+    monkeypatch.setitem(sys.modules, "logging", types.SimpleNamespace(getLogger=lambda name: logger))
+    spec = importlib.util.find_spec(m.__name__)
+    spec.loader.exec_module(fresh := importlib.util.module_from_spec(spec))
+    fresh._say_unreadable("x")
+    assert [(r.msg, r.args, r.funcName) for r in made] == [(MSG, ("x",), sys._getframe().f_code.co_name)]
 
 
 def codes(tb):
