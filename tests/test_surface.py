@@ -217,6 +217,8 @@ def test_function_attributes_and_binding(monkeypatch, tmp_path):
     for attribute, bad in [("__name__", 1), ("__name__", None), ("__qualname__", b"x")]:
         with pytest.raises(TypeError, match=rf"^{attribute} must be set to a string object$"):
             setattr(f, attribute, bad)
+    for attribute in ("__doc__", "__module__"):  # writable, as a Python function's are
+        monkeypatch.setattr(f, attribute, "rebound")
     f.__annotations__, annotations = None, f.__annotations__
     assert f.__annotations__ == {} and f.__annotations__ is f.__annotations__  # made anew, once, as in Python
     f.__annotations__ = annotations
