@@ -1,8 +1,10 @@
 """The module as a Python caller sees it: its import, its names and values, and its functions against the
 same functions written in Python (the plain formulation): metadata, documentation, argument errors."""
 
+import builtins
 import copy
 import functools
+import importlib.util
 import inspect
 import json
 import operator
@@ -98,6 +100,13 @@ def test_import_afresh_after_failing_and_under_another_name(tmp_path):
         failed.append(attempts())
         del builtins.__import__
         failed.append(attempts())
+        builtins.__import__ = real_import
+        specless = types.ModuleType("pathlib")
+        specless.__file__ = "nowhere"
+        del specless.__spec__  # no import record to say it is initializing
+        saved, sys.modules["pathlib"] = sys.modules["pathlib"], specless
+        failed.append(attempts())
+        sys.modules["pathlib"] = saved
         builtins.__import__ = tracer
         m = importlib.import_module({MODULE!r})
         builtins.__import__ = real_import
@@ -123,7 +132,7 @@ def test_import_afresh_after_failing_and_under_another_name(tmp_path):
     assert done.returncode == 0, done.stderr
     report, init = json.loads(done.stdout), str(package / "__init__.py")
     # Each failure as the host's own import statements word it, and the extension left unregistered.
-    assert all(native == plain for native, plain in report["failed"]) and len(report["failed"]) == 6
+    assert all(native == plain for native, plain in report["failed"]) and len(report["failed"]) == 7
     assert [error[1:] for error, _ in report["failed"]][::5] == [
         [f"cannot import name '__version__' from 'zobek_lumeno' ({init})", "zobek_lumeno", init, False],
         ["__import__ not found", None, None, False],
@@ -169,6 +178,25 @@ def test_imports_only_its_own_statements(plain):
     # The scan's guard still captures pathlib through __import__: [] once it reads sys.modules.
     pending = ["pathlib"]
     assert json.loads(done.stdout) == [names + pending, names]
+
+
+def test_builtins_are_those_the_module_was_executed_with(plain):
+    """A namespace given builtins of its own before the execution: its imports go through their
+    __import__, and the functions find there what the namespace lacks."""
+    imported, found = [], []
+    spy = lambda name, *args: imported.append(name) or builtins.__import__(name, *args)  # noqa: E731
+    for spec in (
+        importlib.util.find_spec(MODULE),
+        importlib.util.spec_from_file_location(MODULE, plain.__file__),
+    ):
+        fresh = importlib.util.module_from_spec(spec)
+        roots = {"x": m.SkillRoots((".p",), (".u",))}
+        fresh.__builtins__ = {**vars(builtins), "__import__": spy, "AGENT_SKILL_ROOTS": roots}
+        spec.loader.exec_module(fresh)
+        del fresh.AGENT_SKILL_ROOTS
+        found.append(fresh.agent_roots(["x"], "user"))
+    names = ["itertools", "logging", "re", "collections.abc", "pathlib", "typing", "zobek_lumeno"]
+    assert imported == names * 2 and found == [{"x": (".u",)}] * 2
 
 
 def pydoc_body(f):
