@@ -26,7 +26,7 @@ struct FunctionObject {
     PyObject* kwdefaults;   // dict or null
     PyObject* dict;
     PyObject* weakrefs;
-    PyObject* code;  // what tracebacks name it by; made at its first error
+    PyObject* code;  // __code__, made when first asked for
     PyObject* parameter_names[max_parameters];
 };
 
@@ -275,78 +275,42 @@ int set_annotations(PyObject* self, PyObject* value, void*) {
 }
 PyObject* get_globals(PyObject* self, void*) { return Py_NewRef(PyModule_GetDict(as_function(self)->module)); }
 
-// inspect.Signature of the function as it stands now: its current defaults and
-// annotations, so a rebound __defaults__ shows as it does for a Python function.
-// inspect.Signature of the function as it stands now: its current defaults and
-// annotations, so a rebound __defaults__ shows as it does for a Python function.
-PyObject* get_signature(PyObject* self, void*) {
-    FunctionObject* f = as_function(self);
+// The code object a Python function of these parameters would carry, made at the first
+// need: `inspect` then computes the signature from __code__, __defaults__, __kwdefaults__,
+// __annotations__ and __globals__ as for a Python function (so `eval_str` evaluates the
+// texts in the module's namespace), and tracebacks name the function by it. Its bytecode is
+// the empty code's `raise AssertionError`: called through a function of the host's, it
+// fails, and it cannot run past its own stack.
+PyObject* code_of(FunctionObject* f) {
+    if (f->code != nullptr) return f->code;
     const State& st = state_of(f->module);
     try {
-        // A signature assigned by a caller (as decorators do) wins, as it would in __dict__.
-        if (f->dict != nullptr) {
-            PyObject* assigned = PyDict_GetItemWithError(f->dict, st[Name::__signature__]);
-            if (assigned != nullptr) return Py_NewRef(assigned);
-            if (PyErr_Occurred()) raise();
-        }
-        Ref inspect = Ref::steal(PyImport_Import(st[Name::inspect]));
-        Ref parameter_type = getattr(inspect.get(), st[Name::Parameter]);
-        Ref signature_type = getattr(inspect.get(), st[Name::Signature]);
-        Ref empty = getattr(parameter_type.get(), st[Name::empty]);
-        Ref positional = getattr(parameter_type.get(), st[Name::POSITIONAL_OR_KEYWORD]);
-        Ref keyword_only = getattr(parameter_type.get(), st[Name::KEYWORD_ONLY]);
-        Ref annotations = Ref::steal(get_annotations(self, nullptr));
-        Ref defaults = Ref::borrow(f->defaults);
-        Ref kwdefaults = Ref::borrow(f->kwdefaults);
-
         const FunctionDecl& decl = *f->decl;
         const int argcount = positional_count(decl);
-        const Py_ssize_t defcount = defaults ? PyTuple_GET_SIZE(defaults.get()) : 0;
-        Ref parameters = new_list();
-        for (int i = 0; i < decl.parameter_count; ++i) {
-            PyObject* name = f->parameter_names[i];
-            Ref fallback;
-            if (i < argcount) {
-                const Py_ssize_t d = i - (argcount - defcount);
-                if (d >= 0 && d < defcount) fallback = Ref::borrow(PyTuple_GET_ITEM(defaults.get(), d));
-            } else if (kwdefaults) {
-                fallback = Ref::borrow(PyDict_GetItemWithError(kwdefaults.get(), name));
-                if (!fallback && PyErr_Occurred()) raise();
-            }
-            Ref annotation = Ref::borrow(PyDict_GetItemWithError(annotations.get(), name));
-            if (!annotation && PyErr_Occurred()) raise();
-            PyObject* kind = i < argcount ? positional.get() : keyword_only.get();
-            append(parameters.get(), call(parameter_type.get(),
-                                          {name, kind, fallback ? fallback.get() : empty.get(),
-                                           annotation ? annotation.get() : empty.get()},
-                                          st[Held::kw_parameter])
-                                         .get());
-        }
-        Ref returns = Ref::borrow(PyDict_GetItemWithError(annotations.get(), st[Text::return_key]));
-        if (!returns && PyErr_Occurred()) raise();
-        return call(signature_type.get(), {parameters.get(), returns ? returns.get() : empty.get()},
-                    st[Held::kw_signature])
-            .release();
+        Ref names = Ref::steal(PyTuple_New(decl.parameter_count));
+        for (int i = 0; i < decl.parameter_count; ++i)
+            PyTuple_SET_ITEM(names.get(), i, Py_NewRef(f->parameter_names[i]));
+        Ref counts[] = {Ref::steal(PyLong_FromLong(argcount)),
+                        Ref::steal(PyLong_FromLong(decl.parameter_count - argcount)),
+                        Ref::steal(PyLong_FromLong(decl.parameter_count)),
+                        Ref::steal(PyLong_FromLong(CO_OPTIMIZED | CO_NEWLOCALS))};
+        Ref qualname = str(decl.qualname);
+        // No parameter is positional-only: the empty code's co_posonlyargcount (0) stands.
+        Ref kwnames = Ref::steal(Py_BuildValue("(sssssss)", "co_argcount", "co_kwonlyargcount", "co_nlocals",
+                                               "co_flags", "co_varnames", "co_qualname", "co_filename"));
+        // The file goes in as the text object it is, which need not be valid UTF-8.
+        Ref empty = Ref::steal(reinterpret_cast<PyObject*>(PyCode_NewEmpty("", decl.name, 0)));
+        Ref code = call_method_kw(empty.get(), st[Text::replace], kwnames.get(), counts[0].get(), counts[1].get(),
+                                  counts[2].get(), counts[3].get(), names.get(), qualname.get(), st[Held::file]);
+        // Another thread may have made one meanwhile (the host's code above can switch threads): keep the first.
+        if (f->code == nullptr) f->code = code.release();
+        return f->code;
     } catch (const PythonError&) {
         return nullptr;
     }
 }
 
-int set_signature(PyObject* self, PyObject* value, void*) {
-    FunctionObject* f = as_function(self);
-    PyObject* key = state_of(f->module)[Name::__signature__];
-    if (f->dict == nullptr) {
-        f->dict = PyDict_New();
-        if (f->dict == nullptr) return -1;
-    }
-    if (value != nullptr) return PyDict_SetItem(f->dict, key, value);
-    const int status = PyDict_DelItem(f->dict, key);
-    if (status < 0 && PyErr_ExceptionMatches(PyExc_KeyError)) {
-        PyErr_Clear();
-        PyErr_SetObject(PyExc_AttributeError, key);
-    }
-    return status;
-}
+PyObject* get_code(PyObject* self, void*) { return Py_XNewRef(code_of(as_function(self))); }
 
 PyObject* function_reduce(PyObject* self, PyObject*) { return Py_NewRef(as_function(self)->qualname); }
 
@@ -410,7 +374,7 @@ PyGetSetDef function_getset[] = {
     {"__kwdefaults__", get_kwdefaults, set_kwdefaults, nullptr, nullptr},
     {"__annotations__", get_annotations, set_annotations, nullptr, nullptr},
     {"__globals__", get_globals, nullptr, nullptr, nullptr},
-    {"__signature__", get_signature, set_signature, nullptr, nullptr},
+    {"__code__", get_code, nullptr, nullptr, nullptr},
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
@@ -502,17 +466,9 @@ Ref make_function(PyObject* module, const FunctionDecl& decl) {
 }
 
 PyObject* new_frame(PyObject* function, PyObject* globals) noexcept {
-    FunctionObject* f = as_function(function);
-    if (f->code == nullptr) {
-        // Named as its source would name it, whatever __name__ was set to since; there is
-        // no Python line to point at.
-        const char* filename = PyUnicode_AsUTF8(state_of(f->module)[Held::file]);
-        if (filename == nullptr) return nullptr;
-        f->code = reinterpret_cast<PyObject*>(PyCode_NewEmpty(filename, f->decl->name, 0));
-        if (f->code == nullptr) return nullptr;
-    }
-    return reinterpret_cast<PyObject*>(
-        PyFrame_New(PyThreadState_Get(), reinterpret_cast<PyCodeObject*>(f->code), globals, nullptr));
+    auto* code = reinterpret_cast<PyCodeObject*>(code_of(as_function(function)));
+    return code == nullptr ? nullptr
+                           : reinterpret_cast<PyObject*>(PyFrame_New(PyThreadState_Get(), code, globals, nullptr));
 }
 
 }  // namespace agent_skills

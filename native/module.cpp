@@ -24,6 +24,12 @@ Ref lookup_global(PyObject* globals, PyObject* builtins, PyObject* name) {
     error.restore();
 }
 
+Ref imported_module(const char* name) {
+    Ref found = Ref::steal_or_null(PyImport_GetModule(str(name).get()));
+    if (!found && PyErr_Occurred()) raise();
+    return found && PyModule_Check(found.get()) ? std::move(found) : Ref();
+}
+
 PyObject* builtins_of(PyObject* module) {
     PyObject* builtins = PyDict_GetItemWithError(PyModule_GetDict(module), state_of(module)[Name::__builtins__]);
     if (builtins == nullptr && PyErr_Occurred()) raise();
@@ -193,28 +199,49 @@ void intern_state(State& st) {
     };
     st[Held::kw_strict] = names(st[Name::strict]);
     st[Held::kw_exc_info] = names(st[Name::exc_info]);
-    st[Held::kw_parameter] = Py_BuildValue("(ss)", "default", "annotation");
-    st[Held::kw_signature] = Py_BuildValue("(s)", "return_annotation");
-    if (st[Held::kw_parameter] == nullptr || st[Held::kw_signature] == nullptr) raise();
 }
 
-// What later calls compare bound objects with, and what they need of the host that no
-// name of the module reaches: taken once the names are bound.
-void capture_originals(PyObject* module, const Namespace& ns, State& st) {
+// What LogRecord makes of a pathname for its `module`: the stem of its last component, as
+// os.path.splitext(os.path.basename(pathname))[0] gives it.
+Ref file_stem(PyObject* path) {
+    const Py_ssize_t length = PyUnicode_GET_LENGTH(path);
+    const Py_ssize_t slash = PyUnicode_FindChar(path, '/', 0, length, -1);
+    Ref base = Ref::steal(PyUnicode_Substring(path, slash + 1, length));
+    const Py_ssize_t dot = PyUnicode_FindChar(base.get(), '.', 0, PyUnicode_GET_LENGTH(base.get()), -1);
+    for (Py_ssize_t i = 0; i < dot; ++i)  // leading dots start no extension
+        if (PyUnicode_READ_CHAR(base.get(), i) != '.') return Ref::steal(PyUnicode_Substring(base.get(), 0, dot));
+    return base;
+}
+
+// The file that the functions' code and the warnings' records name: the loader's __file__,
+// else the module's name. A record names its module after that file's stem, which for the
+// extension carries the platform's tags; one made in the module's own source file would
+// give the module's short name.
+void name_file(PyObject* module, const Namespace& ns, State& st) {
     PyObject* file = PyDict_GetItemWithError(ns.dict(), st[Name::__file__]);
     if (file == nullptr && PyErr_Occurred()) raise();
     st[Held::file] = file != nullptr && PyUnicode_Check(file) ? Py_NewRef(file) : PyModule_GetNameObject(module);
     if (st[Held::file] == nullptr) raise();
+    st[Held::file_stem] = file_stem(st[Held::file]).release();
+    Ref name = Ref::steal(PyModule_GetNameObject(module));
+    Ref parts = Ref::steal(PyUnicode_RPartition(name.get(), st[Text::dot]));
+    st[Held::short_name] = Py_NewRef(PyTuple_GET_ITEM(parts.get(), 2));
+}
+
+// What later calls compare bound objects with, and what they need of the host that no
+// name of the module reaches: taken once the names are bound.
+void capture_originals(const Namespace& ns, State& st) {
     st[Held::own_score] = ns.lookup("_score").release();
     st[Held::own_combinations] = getattr(ns.lookup("itertools").get(), st[Name::combinations]).release();
     // The logging package as its Logger.warning runs, whatever the module's names are bound to.
-    Ref logging = Ref::steal(PyImport_ImportModule("logging"));
-    Ref logger_class = getattr(logging.get(), str("Logger").get());
-    st[Held::logger_warning] = getattr(logger_class.get(), st[Name::warning]).release();
-    st[Held::logger_log] = getattr(logger_class.get(), st[Name::_log]).release();
-    st[Held::logger_find_caller] = getattr(logger_class.get(), st[Name::findCaller]).release();
-    st[Held::logging_globals] = Py_NewRef(PyModule_GetDict(logging.get()));
-    st[Held::logging_currentframe] = getattr(logging.get(), st[Name::currentframe]).release();
+    if (Ref logging = imported_module("logging")) {
+        Ref logger_class = getattr(logging.get(), str("Logger").get());
+        st[Held::logger_warning] = getattr(logger_class.get(), st[Name::warning]).release();
+        st[Held::logger_log] = getattr(logger_class.get(), st[Name::_log]).release();
+        st[Held::logger_find_caller] = getattr(logger_class.get(), st[Name::findCaller]).release();
+        st[Held::logging_globals] = Py_NewRef(PyModule_GetDict(logging.get()));
+        st[Held::logging_currentframe] = getattr(logging.get(), st[Name::currentframe]).release();
+    }
     capture_scan_originals(st, ns.dict());
 }
 
@@ -224,6 +251,7 @@ void exec_module(PyObject* module) {
     st[Held::function_type] = reinterpret_cast<PyObject*>(make_function_type(module));
     if (st[Held::function_type] == nullptr) raise();
     Namespace ns(module);
+    name_file(module, ns, st);
 
     // 1. Standard attributes; as exec() does for a module's code, the builtins it runs with.
     if (PyDict_GetItemWithError(ns.dict(), st[Name::__builtins__]) == nullptr) {
@@ -301,7 +329,7 @@ void exec_module(PyObject* module) {
     ns.bind_function(update_command_function);
     ns.bind_function(shell_word_function);
 
-    capture_originals(module, ns, st);
+    capture_originals(ns, st);
 }
 
 // The class statement `class <name>(NamedTuple): ...` of the module: bases resolved

@@ -18,9 +18,8 @@ namespace agent_skills {
     X(installed) X(is_file) X(is_relative_to) X(items) X(itertools) X(logger) X(open) X(project) \
     X(read) X(read_roots) X(read_stamp) X(resolve) X(resolve_skill_dirs) X(rfind) X(search)     \
     X(skill_capable_agents) X(split) X(strict) X(user) X(values) X(version_tuple) X(warning)     \
-    X(__enter__) X(__exit__) X(__signature__) X(isEnabledFor) X(makeRecord) X(handle) X(name)   \
+    X(__enter__) X(__exit__) X(isEnabledFor) X(makeRecord) X(handle) X(name) X(module)         \
     X(_srcfile) X(currentframe) X(findCaller) X(_log) X(__builtins__) X(__import__) X(__file__)   \
-    X(Parameter) X(Signature) X(empty) X(POSITIONAL_OR_KEYWORD) X(KEYWORD_ONLY) X(inspect) \
     X(monitoring) X(get_tool)
 // Constant texts the functions build with.
 #define AGENT_SKILLS_TEXTS(X)                                                                  \
@@ -34,7 +33,8 @@ namespace agent_skills {
 // Objects made or captured by the execution step: the function type, keyword-name tuples,
 // and the originals that fast paths compare the bound objects with.
 #define AGENT_SKILLS_HELD(X)                                                                   \
-    X(function_type) X(kw_strict) X(kw_exc_info) X(kw_parameter) X(kw_signature) X(file) X(own_score) X(own_combinations)      \
+    X(function_type) X(kw_strict) X(kw_exc_info) X(file) X(file_stem) X(short_name) X(own_score)   \
+    X(own_combinations)                                                                        \
     X(logger_warning) X(logger_log) X(logger_find_caller) X(logging_globals)                   \
     X(logging_currentframe) X(path_type) X(own_stamp_inside) X(own_inside_root) X(own_read_stamp) \
     X(scan_owners) X(scan_names) X(scan_originals)
@@ -76,6 +76,11 @@ State& state_of(PyObject* module);
 // The object bound to `name` now, as LOAD_GLOBAL finds it: in `globals`, then in
 // `builtins`; NameError as Python raises it when neither has it.
 Ref lookup_global(PyObject* globals, PyObject* builtins, PyObject* name);
+
+// The module registered under `name` (in sys.modules), as the module's import statements
+// left it, reached without importing: an import calls the builtins' __import__, which the
+// host may watch. Empty when none is registered, or it is no module.
+Ref imported_module(const char* name);
 
 // The builtins the module's code runs with, as the interpreter derives them from the
 // `__builtins__` entry of its namespace (a module stands for its dict), else the running

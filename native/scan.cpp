@@ -863,12 +863,11 @@ void capture_scan_originals(State& st, PyObject* module_dict) {
     try {
         // The module's own import statements brought pathlib in; it is taken from the registry
         // of loaded modules, without importing anything more.
-        auto loaded = [](const char* name) { return Ref::steal_or_null(PyImport_GetModule(str(name).get())); };
-        Ref package = loaded("pathlib");
+        Ref package = imported_module("pathlib");
         if (!package) return;
 #if PY_VERSION_HEX >= 0x030D0000
-        Ref pathlib = loaded("pathlib._local");
-        Ref pathlib_abc = loaded("pathlib._abc");
+        Ref pathlib = imported_module("pathlib._local");
+        Ref pathlib_abc = imported_module("pathlib._abc");
         if (!pathlib || !pathlib_abc) return;
 #else
         Ref pathlib = Ref::borrow(package.get());

@@ -257,16 +257,34 @@ bool bound_original(PyObject* obj, PyObject* name, PyObject* original) {
            PyMethod_GET_SELF(bound.get()) == obj;
 }
 
+// A record names its module after its file's stem, which for the extension carries the
+// platform's tags; a record made in the module's source file would give the module's short
+// name. A record factory that chose another name keeps it, and a record that refuses the
+// name is left as it is, as Logger.warning would leave it.
+void name_module(const Context& cx, PyObject* record) {
+    Ref module = Ref::steal_or_null(PyObject_GetAttr(record, cx.name(Name::module)));
+    if (module && PyUnicode_CheckExact(module.get()) &&
+        PyUnicode_Compare(module.get(), cx.held(Held::file_stem)) == 0 &&
+        PyObject_SetAttr(record, cx.name(Name::module), cx.held(Held::short_name)) == 0)
+        return;
+    PyErr_Clear();
+}
+
 // `logger.warning(message, key, exc_info=True)`. When that is the host's own
 // Logger.warning, the record is made as it makes one, through the logger's own
 // isEnabledFor, makeRecord and handle, but with the caller a Python module's record would
 // name: this function, in the module's file (there is no Python frame to find).
 void warn_unreadable(const Context& cx, PyObject* logger, PyObject* key) {
+    // Without a logging package registered at import there is no original to compare with.
     PyObject* logging = cx.held(Held::logging_globals);
-    PyObject* currentframe = PyDict_GetItemWithError(logging, cx.name(Name::currentframe));
-    if (currentframe == nullptr && PyErr_Occurred()) raise();
-    PyObject* srcfile = PyDict_GetItemWithError(logging, cx.name(Name::_srcfile));
-    if (srcfile == nullptr && PyErr_Occurred()) raise();
+    PyObject* currentframe = nullptr;
+    PyObject* srcfile = nullptr;
+    if (logging != nullptr) {
+        currentframe = PyDict_GetItemWithError(logging, cx.name(Name::currentframe));
+        if (currentframe == nullptr && PyErr_Occurred()) raise();
+        srcfile = PyDict_GetItemWithError(logging, cx.name(Name::_srcfile));
+        if (srcfile == nullptr && PyErr_Occurred()) raise();
+    }
     if (srcfile == nullptr || currentframe != cx.held(Held::logging_currentframe) ||
         !bound_original(logger, cx.name(Name::warning), cx.held(Held::logger_warning)) ||
         !bound_original(logger, cx.name(Name::_log), cx.held(Held::logger_log)) ||
@@ -292,6 +310,7 @@ void warn_unreadable(const Context& cx, PyObject* logger, PyObject* key) {
     Ref record = call_method(logger, cx.name(Name::makeRecord), name.get(), level.get(), filename, lineno.get(),
                              cx.text(Text::unreadable_message), record_args.get(), exc_info.get(), function, Py_None,
                              Py_None);
+    if (located) name_module(cx, record.get());
     call_method(logger, cx.name(Name::handle), record.get());
 }
 

@@ -2,6 +2,7 @@
 and across re-imports."""
 
 import gc
+import importlib.util
 import json
 import os
 import pathlib
@@ -9,6 +10,8 @@ import subprocess
 import sys
 import textwrap
 import threading
+import types
+import weakref
 from concurrent.futures import ThreadPoolExecutor
 from contextlib import suppress
 
@@ -205,10 +208,12 @@ def test_module_instances_come_and_go_cleanly_in_re_imports_and_sub_interpreters
     assert int(growth) < 1000
 
 
-# Each script ends in the error it names instead of crashing the interpreter.
+# Each script prints what it ends in instead of crashing the interpreter.
 CRASHES = {
     # A default the call bound must outlive the host replacing it while the body runs.
-    "default replaced during the call": """
+    "default replaced during the call": (
+        "FileNotFoundError",
+        """
         class Strict:
             def __bool__(self): return True
         m.inside_root.__kwdefaults__ = {"strict": Strict()}
@@ -228,9 +233,12 @@ CRASHES = {
         except FileNotFoundError:
             print("FileNotFoundError")
     """,
+    ),
     # Recursion through the module on small thread stacks ends in RecursionError.
     **{
-        f"recursion on a {size // 1024} KiB stack": f"""
+        f"recursion on a {size // 1024} KiB stack": (
+            "RecursionError",
+            f"""
         m._score = lambda selection, roots: m.resolve_skill_dirs(["claude"])
         threading.stack_size({size})
         errors = []
@@ -243,17 +251,56 @@ CRASHES = {
         worker.start()
         worker.join()
         print(*errors)
-    """
+    """,
+        )
         for size in (64 * 1024, 512 * 1024)
     },
+    # An open() whose result has __exit__ but no __enter__: refused as the `with` statement refuses it.
+    "a context manager without __enter__": (
+        "'Half' object does not support the context manager protocol",
+        """
+        Half = type("Half", (), {"__exit__": lambda self, *exc: None})
+        try:
+            m.read_stamp(type("Opens", (), {"open": lambda self, mode: Half()})())
+        except TypeError as e:
+            print(e)
+    """,
+    ),
+    # The functions' code objects, run by the host's own function type, traced or not, only raise.
+    "a function made of __code__": (
+        ("AssertionError " * 2 + "AssertionError TypeError " * 2) * 2,
+        """
+        import sys, types
+        for trace in (None, lambda *a: trace):
+            sys.settrace(trace)
+            for f in (m.skill_capable_agents, m.inside_root, m.InstalledSkill.stale.fget):
+                code, n = f.__code__, f.__code__.co_argcount
+                keywords = dict.fromkeys(code.co_varnames[n : n + code.co_kwonlyargcount], 0)
+                for run in (lambda: types.FunctionType(code, {})(*range(n), **keywords), lambda: exec(code)):
+                    try:
+                        run()
+                    except (AssertionError, TypeError) as e:  # exec() passes no arguments
+                        print(type(e).__name__, end=" ")
+    """,
+    ),
 }
 
 
-@pytest.mark.parametrize("script", CRASHES.values(), ids=CRASHES)
-def test_no_crash(script):
+@pytest.mark.parametrize("expected, script", CRASHES.values(), ids=CRASHES)
+def test_no_crash(expected, script):
     prelude = "import pathlib, threading\nfrom zobek_lumeno.utils import agent_skills as m\n"
-    expected = "RecursionError" if "recurse" in script else "FileNotFoundError"
-    assert run_python(prelude + textwrap.dedent(script)).strip() == expected
+    assert run_python(prelude + textwrap.dedent(script)).strip() == expected.strip()
+
+
+def test_a_cycle_through_a_rebound_module_name_is_collected():
+    # A fresh module instance: the imported one's dict would keep its functions alive.
+    spec = importlib.util.find_spec(m.__name__)
+    spec.loader.exec_module(fresh := importlib.util.module_from_spec(spec))
+    fresh.read_roots.__module__ = types.SimpleNamespace(back=fresh.read_roots)
+    ref = weakref.ref(fresh.read_roots)
+    del fresh
+    gc.collect()
+    assert ref() is None
 
 
 @pytest.mark.parametrize("module", ["zobek_lumeno.utils.agent_skills", "plain_agent_skills"])

@@ -1,10 +1,13 @@
 """What the scan logs and how: the record's logger and origin, the exception state it leaves, and the
 tracebacks of what it logs."""
 
+import importlib.util
 import logging
 import os
 import pathlib
 import sys
+import traceback
+import types
 
 import pytest
 
@@ -41,8 +44,9 @@ def warn_once():
 @pytest.mark.parametrize(
     "logger, origin",
     [
-        (logging.getLogger("elsewhere"), ("_say_unreadable", m.__file__)),  # as a Python source would log
-        (Told("told"), ("warning", __file__)),  # its own warning runs, and is the caller found
+        # As a Python source would log; its record names the module as its source file would.
+        (logging.getLogger("elsewhere"), ("_say_unreadable", m.__file__, "agent_skills")),
+        (Told("told"), ("warning", __file__, "test_scan")),  # its own warning runs, and is the caller found
     ],
 )
 def test_logger_and_origin(monkeypatch, logger, origin):
@@ -61,7 +65,39 @@ def test_logger_and_origin(monkeypatch, logger, origin):
     [record] = records
     assert len(made) == 1 and {home := "the home directory"} == m._UNREADABLE
     assert (record.name, record.levelno, record.msg, record.args) == (logger.name, 30, MSG, (home,))
-    assert (record.exc_info[0], record.funcName, record.pathname) == (PermissionError, *origin)
+    assert (record.exc_info[0], record.funcName, record.pathname, record.module) == (PermissionError, *origin)
+
+
+def chosen(*args):
+    record = logging.LogRecord(*args)
+    record.module = "chosen"
+    return record
+
+
+@pytest.mark.parametrize(
+    "file, setting, pathname, module",
+    [
+        (m.__file__, {}, m.__file__, "agent_skills"),
+        (None, {}, m.__name__, "agent_skills"),  # executed without a file: named by its name
+        *[(file, {}, file, "agent_skills") for file in ["/x/..so", "/x/.hidden.so", "/x/a.b/", "plain"]],
+        ("/x/(unknown file)", {"_srcfile": None}, "(unknown file)", "(unknown file)"),  # no caller looked for
+        (m.__file__, {"_logRecordFactory": chosen}, m.__file__, "chosen"),  # a factory's own choice stays
+    ],
+    ids=["extension", "no file", "..so", ".hidden.so", "a.b/", "plain", "no caller", "factory"],
+)
+def test_record_names_the_module_as_its_source_file_would(
+    monkeypatch, own_logger, file, setting, pathname, module
+):
+    spec = importlib.util.find_spec(m.__name__)
+    fresh = importlib.util.module_from_spec(spec)
+    fresh.__file__ = file
+    spec.loader.exec_module(fresh)
+    made = []
+    fresh.logger = own_logger("fresh", made.append)
+    for name, value in setting.items():
+        monkeypatch.setattr(logging, name, value)
+    fresh._say_unreadable("x")
+    assert [(record.pathname, record.module) for record in made] == [(pathname, module)]
 
 
 class Suppressing:
@@ -138,3 +174,38 @@ def test_tracebacks_pass_through_the_module_functions(base, caplog, monkeypatch)
     with pytest.raises(TypeError) as caught:  # refused before the body runs: no frame of its own
         m._stamps_in()
     assert names(caught.value.__traceback__)[1:] == []
+
+
+def test_a_logging_package_not_registered_leaves_the_logger_to_log_by_itself(monkeypatch, own_logger):
+    made = []
+    logger = own_logger("fresh", made.append)
+    monkeypatch.setitem(sys.modules, "logging", types.SimpleNamespace(getLogger=lambda name: logger))
+    spec = importlib.util.find_spec(m.__name__)
+    spec.loader.exec_module(fresh := importlib.util.module_from_spec(spec))
+    fresh._say_unreadable("x")
+    assert [(r.msg, r.args, r.funcName) for r in made] == [(MSG, ("x",), sys._getframe().f_code.co_name)]
+
+
+def codes(tb):
+    return [] if tb is None else [tb.tb_frame.f_code, *codes(tb.tb_next)]
+
+
+TRACED = {
+    "stale": lambda mod, base: mod.InstalledSkill("x", base, 5, "1", "user", None).stale,
+    "_stamp_inside": lambda mod, base: mod._stamp_inside(base / "skills", "lumeno"),
+}
+
+
+@pytest.mark.parametrize("call", TRACED.values(), ids=TRACED)
+def test_traceback_entries_name_the_functions_as_their_source_does(plain, base, monkeypatch, call):
+    monkeypatch.setattr(pathlib.Path, "resolve", lambda path, strict: 1 / 0)
+    entries, errors = [], []
+    for module in (m, plain):
+        with pytest.raises(Exception) as caught:
+            call(module, base)
+        errors.append(caught.value)
+        entries.append([(code.co_name, code.co_qualname) for code in codes(caught.value.__traceback__)[1:]])
+    assert entries[0] == entries[1] and len(entries[0]) > 1
+    # The functions' entries have parameters but no local variables to show.
+    shown = traceback.TracebackException.from_exception(errors[0], capture_locals=True).stack
+    assert [entry.locals for entry in shown if entry.filename == m.__file__] == [None, None]

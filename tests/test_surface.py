@@ -1,10 +1,13 @@
 """The module as a Python caller sees it: its import, its names and values, and its functions against the
 same functions written in Python (the plain formulation): metadata, documentation, argument errors."""
 
+import builtins
 import copy
 import functools
+import importlib.util
 import inspect
 import json
+import operator
 import pathlib
 import pickle
 import pydoc
@@ -97,6 +100,13 @@ def test_import_afresh_after_failing_and_under_another_name(tmp_path):
         failed.append(attempts())
         del builtins.__import__
         failed.append(attempts())
+        builtins.__import__ = real_import
+        specless = types.ModuleType("pathlib")
+        specless.__file__ = "nowhere"
+        del specless.__spec__  # no import record to say it is initializing
+        saved, sys.modules["pathlib"] = sys.modules["pathlib"], specless
+        failed.append(attempts())
+        sys.modules["pathlib"] = saved
         builtins.__import__ = tracer
         m = importlib.import_module({MODULE!r})
         builtins.__import__ = real_import
@@ -122,7 +132,7 @@ def test_import_afresh_after_failing_and_under_another_name(tmp_path):
     assert done.returncode == 0, done.stderr
     report, init = json.loads(done.stdout), str(package / "__init__.py")
     # Each failure as the host's own import statements word it, and the extension left unregistered.
-    assert all(native == plain for native, plain in report["failed"]) and len(report["failed"]) == 6
+    assert all(native == plain for native, plain in report["failed"]) and len(report["failed"]) == 7
     assert [error[1:] for error, _ in report["failed"]][::5] == [
         [f"cannot import name '__version__' from 'zobek_lumeno' ({init})", "zobek_lumeno", init, False],
         ["__import__ not found", None, None, False],
@@ -136,6 +146,55 @@ def test_import_afresh_after_failing_and_under_another_name(tmp_path):
     assert report["state"] == ["9.8.7", ["claude", "cursor-agent", "windsurf", "copilot"], True, m.__file__]
     assert report["fileless"] == MODULE
     assert report["top"] == ["agent_skills", "", "agent_skills", "agent_skills", False]
+
+
+def test_imports_only_its_own_statements(plain):
+    """An __import__ spy set before a fresh execution of the module sees its seven import statements and
+    nothing more, and asking for the functions' signatures imports nothing."""
+    script = f"""
+        import builtins, importlib.util, inspect, json
+        import itertools, logging, re, collections.abc, pathlib, typing, zobek_lumeno.utils
+        real, seen = builtins.__import__, []
+        def spy(name, *args):
+            seen[-1].append(name)
+            return real(name, *args)
+        native = importlib.util.find_spec({MODULE!r})
+        plain = importlib.util.spec_from_file_location({MODULE!r}, {plain.__file__!r})
+        code = compile(open(plain.origin).read(), plain.origin, "exec")
+        for spec, run in (native, native.loader.exec_module), (plain, lambda module: exec(code, vars(module))):
+            module = importlib.util.module_from_spec(spec)
+            seen.append([])
+            builtins.__import__ = spy
+            run(module)
+            for qualname in {QUALNAMES!r}:
+                f = getattr(module, qualname) if "." not in qualname else module.InstalledSkill.stale.fget
+                inspect.signature(f), inspect.signature(f, eval_str=True)
+            builtins.__import__ = real
+        print(json.dumps(seen))
+    """
+    done = subprocess.run([sys.executable, "-c", textwrap.dedent(script)], capture_output=True, text=True)
+    assert done.returncode == 0, done.stderr
+    names = ["itertools", "logging", "re", "collections.abc", "pathlib", "typing", "zobek_lumeno"]
+    assert json.loads(done.stdout) == [names, names]
+
+
+def test_builtins_are_those_the_module_was_executed_with(plain):
+    """A namespace given builtins of its own before the execution: its imports go through their
+    __import__, and the functions find there what the namespace lacks."""
+    imported, found = [], []
+    spy = lambda name, *args: imported.append(name) or builtins.__import__(name, *args)  # noqa: E731
+    for spec in (
+        importlib.util.find_spec(MODULE),
+        importlib.util.spec_from_file_location(MODULE, plain.__file__),
+    ):
+        fresh = importlib.util.module_from_spec(spec)
+        roots = {"x": m.SkillRoots((".p",), (".u",))}
+        fresh.__builtins__ = {**vars(builtins), "__import__": spy, "AGENT_SKILL_ROOTS": roots}
+        spec.loader.exec_module(fresh)
+        del fresh.AGENT_SKILL_ROOTS
+        found.append(fresh.agent_roots(["x"], "user"))
+    names = ["itertools", "logging", "re", "collections.abc", "pathlib", "typing", "zobek_lumeno"]
+    assert imported == names * 2 and found == [{"x": (".u",)}] * 2
 
 
 def pydoc_body(f):
@@ -153,6 +212,17 @@ def test_functions_as_python_makes_them(plain, qualname):
     assert facts[0] == facts[1]
     assert list(f.__annotations__.items()) == list(reference.__annotations__.items())
     assert str(inspect.signature(f)) == str(inspect.signature(reference)) and f.__globals__ is vars(m)
+    # The annotation texts evaluated in the module's namespace, as for a function of its source.
+    evaluated = [str(inspect.signature(g, eval_str=True)) for g in (f, reference)]
+    assert evaluated[0] == evaluated[1] != str(inspect.signature(f))
+    code, expected = f.__code__, reference.__code__
+    described = operator.attrgetter(
+        "co_argcount", "co_posonlyargcount", "co_kwonlyargcount", "co_flags", "co_name", "co_qualname"
+    )
+    assert described(code) == described(expected)
+    n = code.co_argcount + code.co_kwonlyargcount
+    assert code.co_varnames == expected.co_varnames[:n] and code.co_nlocals == n and f.__code__ is code
+    assert (code.co_filename, code.co_firstlineno) == (m.__file__, 0)
     typing.get_type_hints(f)  # the annotation texts resolve in the module's namespace
     assert repr(f).startswith(f"<function {qualname} at 0x") and pydoc_body(f) == pydoc_body(reference)
     assert weakref.ref(f)() is f and copy.copy(f) is f and copy.deepcopy(f) is f
@@ -173,15 +243,19 @@ def test_function_attributes_and_binding(monkeypatch, tmp_path):
     for attribute, bad in [("__name__", 1), ("__name__", None), ("__qualname__", b"x")]:
         with pytest.raises(TypeError, match=rf"^{attribute} must be set to a string object$"):
             setattr(f, attribute, bad)
+    for attribute in ("__doc__", "__module__"):  # writable, as a Python function's are
+        monkeypatch.setattr(f, attribute, "rebound")
     f.__annotations__, annotations = None, f.__annotations__
     assert f.__annotations__ == {} and f.__annotations__ is f.__annotations__  # made anew, once, as in Python
     f.__annotations__ = annotations
     replaced = f.__signature__ = inspect.Signature()
-    assert inspect.signature(f) is replaced
+    assert inspect.signature(f) is replaced and f.__dict__ == {"__signature__": replaced}
     del f.__signature__
-    with pytest.raises(AttributeError):
+    with pytest.raises(AttributeError, match=r"^'function' object has no attribute '__signature__'$"):
         del f.__signature__
     assert str(inspect.signature(f)) == "(roots: 'dict[str, tuple[str, ...]]') -> 'list[str]'"
+    wrapper = functools.wraps(f)(lambda *args: f(*args))
+    assert inspect.signature(wrapper, eval_str=True) == inspect.signature(f, eval_str=True)
     # A function binds as a method on a class, and stays itself from the class or from None.
     roots = type("Roots", (dict,), {"read": f})(a=(".b", ".a"))
     assert roots.read() == [".a", ".b"] and type(roots).read is f and f.__get__(None, dict) is f
