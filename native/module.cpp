@@ -423,17 +423,28 @@ void module_free(void* module) { module_clear(static_cast<PyObject*>(module)); }
 
 PyModuleDef_Slot module_slots[] = {
     {Py_mod_exec, reinterpret_cast<void*>(module_exec)},
+#if PY_VERSION_HEX >= 0x030C0000
+    // Everything the module keeps is in its own state and types, made for each interpreter; the
+    // one process-wide object, the definition, is not written after it is made.
+    {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED},
+#endif
     {0, nullptr},
 };
 
+#if PY_VERSION_HEX < 0x030C0000
 std::string& module_name() {
     static std::string name = "agent_skills";
     return name;
 }
+#endif
 
 PyModuleDef module_def = {
     PyModuleDef_HEAD_INIT,
+#if PY_VERSION_HEX >= 0x030C0000
+    "agent_skills",  // the module itself is named by its import's spec
+#else
     nullptr,  // set from the import's package context in the entry point
+#endif
     nullptr,  // the execution step binds __doc__ in its place in the order
     sizeof(State),
     nullptr,
@@ -455,16 +466,15 @@ Ref make_record_type(PyObject* module, const char* name, const char* doc, std::i
 
 extern "C" PyMODINIT_FUNC PyInit_agent_skills() {
     using namespace agent_skills;
-    // The interpreter names the module it is loading; keep the full dotted name. Before 3.12 the
-    // name is handed over in this private variable, which the import machinery sets for the
-    // duration of the entry point; later versions keep it where no extension can read it, and
-    // name the module from its import's spec alone.
-    if (module_def.m_name == nullptr) {
 #if PY_VERSION_HEX < 0x030C0000
+    // The interpreter names the module it is loading; keep the full dotted name. It is handed
+    // over only in this private variable, which the import machinery sets for the duration of
+    // the entry point; from 3.12 no extension can read it, and the spec alone names the module.
+    if (module_def.m_name == nullptr) {
         if (_Py_PackageContext != nullptr && std::strrchr(_Py_PackageContext, '.') != nullptr)
             module_name() = _Py_PackageContext;
-#endif
         module_def.m_name = module_name().c_str();
     }
+#endif
     return PyModuleDef_Init(&module_def);
 }
