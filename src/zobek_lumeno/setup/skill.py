@@ -225,10 +225,9 @@ def _uninstall_one(root: tree.SkillsDir | None, skill: str, options: Options) ->
         os.unlink(SKILL_FILE, dir_fd=directory)
     finally:
         os.close(directory)
-    # The skill's own directory, never the target of a link to it; only when nothing else is left in it.
-    if real == root.real / skill:
-        with contextlib.suppress(OSError):
-            os.rmdir(skill, dir_fd=root.fd)
+    # Only when nothing else is left in it; rmdir removes no link, and so never a link's target.
+    with contextlib.suppress(OSError):
+        os.rmdir(skill, dir_fd=root.fd)
     return "removed"
 
 
