@@ -15,6 +15,7 @@ import pytest
 
 from zobek_lumeno import __version__
 from zobek_lumeno.cli import main
+from zobek_lumeno.utils import agent_skills
 
 NAMES = ("lumeno", "lumeno-map", "lumeno-wiki")
 
@@ -325,13 +326,50 @@ ARGUMENTS = [
     ("--repo-root '' status", "", "zobek-lumeno: error: argument --repo-root: '' is not a directory"),
     (f"status --repo-root {shlex.quote(sys.executable)}", "", "status: error: argument --repo-root: "),
     ("--version", f"zobek-lumeno {__version__}\n", ""),
+    ("skill uninstall --scope home", "", "uninstall: error: argument --scope: invalid choice"),
+    ("", "", "usage: zobek-lumeno [-h] [--version] [--repo-root DIR] COMMAND ..."),
 ]
 
 
 @pytest.mark.parametrize("args, out, error", ARGUMENTS)
 def test_arguments(repo, capsys, args, out, error):
     captured = run(capsys, shlex.split(args), 2 if error else 0)
-    # A mistake is reported in one line, not with the usage block.
-    assert captured.out == out and len(captured.err.splitlines()) == bool(error) and error in captured.err
+    # A mistake is reported in one line, not with the usage block; no command at all points to --help.
+    assert captured.out == out and error in captured.err
+    assert captured.err.splitlines()[1:] == (
+        [] if args else ["See 'zobek-lumeno --help' for what each command does."]
+    )
     usage = " ".join(run(capsys, ["dirs", "--help"], 0).out.split())
     assert "one of claude, cursor-agent, windsurf, copilot" in usage
+
+
+def test_install_then_uninstall_in_both_scopes_leaves_only_the_skills_directories(repo, capsys):
+    agents = ("claude", "cursor-agent", "windsurf", "copilot")
+    bases = {"user": repo.parent / "home", "project": repo}
+    stamp(bases["user"] / ".claude/skills/mine", "1.0")  # the user's own skill, and a file beside a package's
+    (bases["user"] / ".claude/skills/lumeno").mkdir()
+    (bases["user"] / ".claude/skills/lumeno/notes.md").write_text("the user's own")
+    before = snapshot(repo.parent)
+    made = {s: [bases[s] / d for d in agent_skills.resolve_skill_dirs(agents, s)] for s in bases}
+    for scope in bases:
+        assert main(["skill", "install", f"--scope={scope}", *(f"--agent={a}" for a in agents)]) == 0
+    capsys.readouterr()
+    for scope in bases:
+        out = run(
+            capsys, ["skill", "uninstall", f"--scope={scope}", *(f"--agent={a}" for a in agents)], 0
+        ).out
+        assert (
+            out.splitlines()[-1]
+            == f"{3 * len(made[scope])} removed (zobek-lumeno {__version__}, {scope} scope)."
+        )
+    after = snapshot(repo.parent)
+    assert {p: after[p] for p in before} == before  # the user's files exactly as they were
+    # Only the skills directories remain (and the directories above them that the install made).
+    assert all(
+        any(d.is_relative_to(p) for d in made["user"] + made["project"]) for p in after.keys() - before.keys()
+    )
+    # Nothing installed: status ends with the line that installs, and names --agent.
+    lines = run(capsys, ["status"], 0).out.splitlines()
+    assert "--agent AGENT (repeatable) picks other agents" in lines[-2]
+    assert lines[-1] == f"  zobek-lumeno --repo-root {shlex.quote(str(repo))} skill install --scope project"
+    assert run(capsys, ["skill", "uninstall", "--scope=user"], 0).out.startswith("absent ")
