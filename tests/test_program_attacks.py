@@ -268,3 +268,24 @@ def test_a_home_that_is_empty_or_missing_is_no_user_scope(tmp_path, monkeypatch,
     assert snapshot(tmp_path) == before and not os.path.exists("/.claude/skills/lumeno")
     main(["status"])
     assert "  user scope     left out: " in capsys.readouterr().out
+
+
+@pytest.mark.parametrize("action", ["install", "uninstall"])
+def test_a_file_swapped_in_after_it_was_read_is_neither_replaced_nor_removed(
+    tmp_path, monkeypatch, capsys, action
+):
+    from zobek_lumeno.setup import tree
+
+    lumeno, read = tmp_path / ".claude/skills/lumeno", tree.read_installed
+    stamp(lumeno, "1.0")
+
+    def read_then_swapped(*args):  # a process that puts its own file in place right after the read
+        found = read(*args)
+        (lumeno / "theirs").write_text("mine\n")
+        os.replace(lumeno / "theirs", lumeno / "SKILL.md")
+        return found
+
+    monkeypatch.setattr(tree, "read_installed", read_then_swapped)
+    assert main(["--repo-root", str(tmp_path), "skill", action]) == 1
+    assert f"{lumeno}/SKILL.md changed while the program ran" in capsys.readouterr().err
+    assert (lumeno / "SKILL.md").read_text() == "mine\n" and not list(lumeno.glob("*.tmp"))
