@@ -68,24 +68,21 @@ for i in itertools.takewhile(lambda _: time.monotonic() < end, itertools.count()
 """
 
 SWAPS = [
-    # What is swapped, again and again, for a link to what outside (or a FIFO); how outside's copies are stamped.
-    (".claude", "claude", None),  # above the skills directory: outside's unstamped copies must stay
-    (
-        ".claude/skills/lumeno",
-        "claude/skills/lumeno",
-        __version__,
-    ),  # a skill: its outside copy is never removed
-    (".claude/skills/lumeno/SKILL.md", "fifo", "1.0"),  # opened to read, it would block
+    # What is swapped, again and again, for a link to what outside (a home of its own) or for a FIFO; how
+    # outside's copies are stamped.
+    ("home/.claude", ".claude", None),  # above the skills directory: outside's unstamped copies must stay
+    ("home/.claude/skills/lumeno", ".claude/skills/lumeno", __version__),  # a skill: its outside copy stays
+    ("home/.claude/skills/lumeno/SKILL.md", "fifo", "1.0"),  # opened to read, it would block
 ]
 
 
 @pytest.mark.parametrize("swapped, target, version", SWAPS)
 def test_a_racing_swap_sends_nothing_outside_and_blocks_nothing(tmp_path, swapped, target, version):
-    home, outside = tmp_path / "home", tmp_path / "outside"
+    home, outside, other = tmp_path / "home", tmp_path / "outside", tmp_path / "other"
     for name in NAMES:
         stamp(home / ".claude/skills" / name, "1.0")
-        stamp(outside / "claude/skills" / name, version)
-    other, before, stop, swaps = home / "other", snapshot(outside), threading.Event(), []
+        stamp(outside / ".claude/skills" / name, version)
+    before, stop, swaps = snapshot(outside), threading.Event(), []
     other.symlink_to(outside / target)
 
     def swap():
@@ -94,7 +91,7 @@ def test_a_racing_swap_sends_nothing_outside_and_blocks_nothing(tmp_path, swappe
                 FileNotFoundError
             ):  # uninstall removes what is swapped, install remakes it
                 if not swapped.endswith("SKILL.md"):
-                    exchange(home / swapped, other)
+                    exchange(tmp_path / swapped, other)
                 # A fresh FIFO each time, then a file again: an install's rename replaces what it meets.
                 for make in (
                     ()
@@ -104,7 +101,7 @@ def test_a_racing_swap_sends_nothing_outside_and_blocks_nothing(tmp_path, swappe
                     with contextlib.suppress(FileNotFoundError):
                         os.unlink(other)
                     make(other)
-                    os.replace(other, home / swapped)
+                    os.replace(other, tmp_path / swapped)
                 swaps.append(1)
 
     thread = threading.Thread(target=swap)
@@ -119,6 +116,29 @@ def test_a_racing_swap_sends_nothing_outside_and_blocks_nothing(tmp_path, swappe
     assert swaps and b"Traceback" not in done.stderr and done.returncode == 0
     assert snapshot(outside) == before
     assert not list(tmp_path.rglob("*.tmp"))
+
+
+@pytest.mark.parametrize("resolved, swapped", [("home", "home"), ("home/.claude", "dotfiles")])
+def test_a_directory_swapped_right_after_it_was_resolved_is_not_written_through(
+    tmp_path, monkeypatch, capsys, resolved, swapped
+):
+    home, outside, resolve = tmp_path / "home", tmp_path / "outside", os.path.realpath
+    for directory in ("dotfiles/claude", "home", "outside/.claude/skills", "outside/claude/skills"):
+        (tmp_path / directory).mkdir(parents=True)
+    (home / ".claude").symlink_to(tmp_path / "dotfiles/claude")  # a dotfiles link: followed when resolved
+    monkeypatch.setenv("HOME", str(home))
+
+    def resolve_then_swap(path, *args, **kwargs):
+        real = resolve(path, *args, **kwargs)
+        if os.fspath(path) == str(tmp_path / resolved):  # the component becomes a link to outside
+            os.rename(tmp_path / swapped, tmp_path / "moved")
+            (tmp_path / swapped).symlink_to(outside)
+        return real
+
+    monkeypatch.setattr(os.path, "realpath", resolve_then_swap)
+    assert main(["skill", "install", "--scope", "user"]) == 1
+    assert "changed while the program ran" in capsys.readouterr().err
+    assert all(p.is_dir() for p in outside.rglob("*"))  # nothing written there
 
 
 SIGNALLED = """
