@@ -156,8 +156,11 @@ sys.exit(run())
 """
 
 
-@pytest.mark.parametrize("sig", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGKILL])
-def test_a_signal_leaves_no_temporary_file_and_sigkill_one_until_the_next_install(tmp_path, sig):
+SIGNALS = [(signal.SIGINT, "install"), (signal.SIGTERM, "install"), (signal.SIGHUP, "install")]
+
+
+@pytest.mark.parametrize("sig, then", [*SIGNALS, (signal.SIGKILL, "install"), (signal.SIGKILL, "uninstall")])
+def test_a_signal_leaves_no_temporary_file_and_sigkill_one_until_the_next_install(tmp_path, sig, then):
     skills = tmp_path / ".claude/skills"
     stamp(skills / "lumeno", "1.0")
     (tmp_path / ".git").mkdir()
@@ -173,7 +176,7 @@ def test_a_signal_leaves_no_temporary_file_and_sigkill_one_until_the_next_instal
     assert len(left) == (sig == signal.SIGKILL)
     # The file is the complete old one, or the complete new one.
     assert (skills / "lumeno/SKILL.md").read_text().split("version: ")[1][:3] in ("1.0", __version__[:3])
-    assert main(["--repo-root", str(tmp_path), "skill", "install"]) == 0
+    assert main(["--repo-root", str(tmp_path), "skill", then]) == 0
     assert not [p for p in skills.rglob("*.tmp") if p not in foreign] and all(p.exists() for p in foreign)
 
 
@@ -199,7 +202,7 @@ def test_installs_and_uninstalls_take_turns_on_a_skills_directory(tmp_path):
     assert waiting.returncode == 0 and out.splitlines()[-1].startswith("3 written")
 
 
-HOSTILE = ["proj$(touch PWNED)", "proj`touch PWNED`", 'it\'s "quoted" $HOME \\ ~', "new\nline"]
+HOSTILE = ["proj$(touch PWNED)`touch PWNED`", 'it\'s "quoted" $HOME \\ ~', "new\nline"]
 
 
 @pytest.mark.parametrize("name", HOSTILE)
