@@ -1,22 +1,27 @@
-"""The installer: writes the embedded skills into the skills directories an install picks.
+"""The installer and the uninstaller of the embedded skills, in the skills directories an install picks.
 
-Writes are as careful as the survey's reads: nothing is written through a link that leads out of
-a skills directory, every file is replaced atomically (a complete old or a complete new file, never
-a torn one), a copy stamped newer than the package or not stamped at all is left as it is unless
-forced, and no file the package does not ship is ever removed.
+Both reach every file through ``tree``, below the resolved skills directory and relative to descriptors,
+and hold that directory's lock while they change it. Install replaces each file atomically (a complete old
+or a complete new file, never a torn one) and leaves a copy stamped newer than the package, or not stamped
+at all, unless forced; uninstall removes a stamped ``SKILL.md`` and then the skill's directory if that left
+it empty. Neither touches a file the package does not ship, except the package's own stale temporaries.
 """
 
 from __future__ import annotations
 
 import contextlib
 import os
+import re
 import secrets
-from collections.abc import Iterable, Iterator
+import signal
+from collections.abc import Callable, Iterable, Iterator
 from importlib import resources
 from importlib.resources.abc import Traversable
 from pathlib import Path
 from typing import NamedTuple
 
+from zobek_lumeno.setup import tree
+from zobek_lumeno.setup.tree import Blocked
 from zobek_lumeno.utils import agent_skills
 
 SKILL_FILE = agent_skills.SKILL_FILE
@@ -27,19 +32,28 @@ SOURCES = "skills"
 class Outcome(NamedTuple):
     """What became of one skill in one skills directory."""
 
-    action: str  # "written", "unchanged", "would write", "refused" or "failed"
+    # Install: "written", "unchanged", "would write", "refused" or "failed"; uninstall: "removed", "absent",
+    # "would remove", "kept" or "failed".
+    action: str
     place: Path  # the skill's directory as the agents read it
-    reason: str | None = None  # why it was refused or failed
+    reason: str | None = None  # why it was refused, kept or failed
+
+
+def _nobody_told(directory: Path) -> None:
+    pass
 
 
 class Options(NamedTuple):
     version: str
     force: bool = False
     dry_run: bool = False
+    waiting: Callable[[Path], None] = _nobody_told  # told when another process holds a directory's lock
 
 
-class Refused(Exception):
-    """A skill left as it is, for a reason the user can act on."""
+# The package's temporary files: ".SKILL.md.1f2e3d4c.tmp". Only these are ever removed unasked.
+_TEMPORARY = re.compile(r"\.(.+)\.[0-9a-f]{8}\.tmp")
+# The signals a user sends to stop the program; none may land between a temporary's making and its end.
+_HELD = {signal.SIGINT, signal.SIGTERM, signal.SIGHUP}
 
 
 def stamped(text: bytes, version: str) -> bytes:
@@ -73,131 +87,203 @@ def install(base: Path, skills_dirs: Iterable[str], options: Options) -> Iterato
     """Install every embedded skill into each of ``skills_dirs`` under ``base``, one outcome each."""
     sources = {skill: shipped_files(skill, options.version) for skill in agent_skills.SKILL_NAMES}
     for skills_dir in skills_dirs:
-        for skill, files in sources.items():
-            yield _install_one(base / skills_dir, skill, files, options)
+        yield from _each_skill(
+            base,
+            skills_dir,
+            options,
+            "refused",
+            lambda root, skill: _install_one(root, skill, sources[skill], options),
+        )
 
 
-def _install_one(skills_dir: Path, skill: str, files: dict[str, bytes], options: Options) -> Outcome:
-    place = skills_dir / skill
+def uninstall(base: Path, skills_dirs: Iterable[str], options: Options) -> Iterator[Outcome]:
+    """Remove every embedded skill from each of ``skills_dirs`` under ``base``, one outcome each."""
+    for skills_dir in skills_dirs:
+        yield from _each_skill(
+            base, skills_dir, options, "kept", lambda root, skill: _uninstall_one(root, skill, options)
+        )
+
+
+def _each_skill(
+    base: Path,
+    skills_dir: str,
+    options: Options,
+    blocked: str,
+    act: Callable[[tree.SkillsDir | None, str], str],
+) -> Iterator[Outcome]:
+    """``act`` on each skill of one skills directory (None when there is none), under its lock unless dry."""
+    places = {skill: base / skills_dir / skill for skill in agent_skills.SKILL_NAMES}
     try:
-        root, writes = _plan(skills_dir, skill, files, options)
-        if options.dry_run:
-            return Outcome("would write" if writes else "unchanged", place)
-        for target, data in writes:
-            directory = _open_below(root, target.parent)
-            try:
-                _replace(directory, target, data, options.version if target.name == SKILL_FILE else None)
-            finally:
-                os.close(directory)
-        return Outcome("written" if writes else "unchanged", place)
-    except Refused as refusal:
-        return Outcome("refused", place, str(refusal))
-    except (OSError, RuntimeError) as error:  # RuntimeError: a loop of links
-        return Outcome("failed", place, getattr(error, "strerror", None) or str(error))
+        root = tree.open_skills_dir(base, skills_dir, making=blocked == "refused", dry_run=options.dry_run)
+    except (Blocked, OSError, RuntimeError) as error:
+        yield from (_stopped(place, blocked, error) for place in places.values())
+        return
+    try:
+        with (
+            contextlib.nullcontext()
+            if root is None or options.dry_run
+            else tree.locked(root, options.waiting)
+        ):
+            for skill, place in places.items():
+                try:
+                    outcome = Outcome(act(root, skill), place)
+                except (Blocked, OSError, RuntimeError) as error:  # RuntimeError: a loop of links
+                    outcome = _stopped(place, blocked, error)
+                yield outcome
+    finally:
+        if root is not None:
+            os.close(root.fd)
 
 
-def _plan(
-    skills_dir: Path, skill: str, files: dict[str, bytes], options: Options
-) -> tuple[Path, list[tuple[Path, bytes]]]:
-    """The resolved skills directory, and the files of one skill that differ from what is installed there;
-    refuses before anything is written."""
-    if not options.dry_run:
-        skills_dir.mkdir(parents=True, exist_ok=True)
-    root = skills_dir.resolve(strict=not options.dry_run)
-    real_dir = _skill_dir(root, skill)
+def _stopped(place: Path, blocked: str, error: Exception) -> Outcome:
+    if isinstance(error, Blocked):
+        return Outcome(blocked, place, str(error))
+    return Outcome("failed", place, tree.describe(error))
+
+
+def _install_one(root: tree.SkillsDir | None, skill: str, files: dict[str, bytes], options: Options) -> str:
+    if root is None or (opened := tree.open_skill(root, skill, making=not options.dry_run)) is None:
+        return "would write"  # nothing there yet, and the real run makes it
+    real, directory = opened
+    try:
+        writes = _differing(root, real, directory, files, options)
+        if not options.dry_run:
+            for name, data, found in writes:
+                *parents, leaf = name.split("/")
+                parent = tree.open_below(root, real.joinpath(*parents), making=True)
+                assert parent is not None
+                try:
+                    _remove_stale_temporaries(parent, leaf)
+                    _replace(
+                        parent, leaf, data, found, place=root.shown / skill / name, version=options.version
+                    )
+                finally:
+                    os.close(parent)
+    finally:
+        os.close(directory)
+    if not writes:
+        return "unchanged"
+    return "would write" if options.dry_run else "written"
+
+
+def _differing(
+    root: tree.SkillsDir, real: Path, directory: int, files: dict[str, bytes], options: Options
+) -> list[tuple[str, bytes, tree.Found | None]]:
+    """The shipped files that differ from the installed ones, each with what is installed; refuses (before
+    anything is written) a SKILL.md that would be downgraded or is not the package's."""
     writes = []
     for name, data in files.items():
-        target = real_dir / name
-        old = _installed(root, target)
-        if old is None or old[1] != data:
-            if name == SKILL_FILE and old is not None and not options.force:
-                _refuse_downgrade(old[0], options.version)
-            writes.append((target, data))
-    return root, writes
-
-
-def _skill_dir(root: Path, skill: str) -> Path:
-    """The real directory of ``skill`` under the resolved skills directory ``root``."""
-    real = agent_skills.inside_root(root, root / skill, strict=False)
-    if real is None:
-        raise Refused(
-            f"a link leads out of the skills directory (to {(root / skill).resolve()}); nothing written"
+        *parents, leaf = name.split("/")
+        parent = (
+            tree.open_below(root, real.joinpath(*parents), making=False) if parents else os.dup(directory)
         )
-    if real.exists() and not real.is_dir():
-        raise Refused("a file stands where the skill's directory belongs; it is left as it is")
-    # Through a link to another skill's directory, this skill would overwrite that one's files.
-    for other in agent_skills.SKILL_NAMES:
-        linked = other != skill and real != root / skill
-        if linked and agent_skills.inside_root(root, root / other, strict=False) == real:
-            raise Refused(f"it is a link to the directory of the skill {other!r}; nothing written")
-    return real
+        try:
+            found = (
+                None
+                if parent is None
+                else tree.read_installed(root, real.joinpath(*parents), parent, leaf, data)
+            )
+        finally:
+            if parent is not None:
+                os.close(parent)
+        if found is None or not found.same:
+            if name == SKILL_FILE and found is not None and not options.force:
+                _refuse_downgrade(found.stamp, options.version)
+            writes.append((name, data, found))
+    return writes
 
 
-def _installed(root: Path, target: Path) -> tuple[Path, bytes] | None:
-    """The real path and content of an installed file, None when there is none."""
-    real = agent_skills.inside_root(root, target, strict=False)
-    if real is None:
-        raise Refused(f"its {target.name} is a link out of the skills directory; nothing written")
-    if not real.exists():
-        return None
-    if not real.is_file():
-        raise Refused(f"its {target.name} is not a regular file; it is left as it is")
-    return real, real.read_bytes()
-
-
-def _refuse_downgrade(installed: Path, version: str) -> None:
-    stamp = agent_skills.read_stamp(installed)
+def _refuse_downgrade(stamp: str | None, version: str) -> None:
     if stamp is None:
-        raise Refused(
+        raise Blocked(
             f"its {SKILL_FILE} has no version stamp, so it may not be this package's (--force replaces it)"
         )
     if agent_skills.version_tuple(stamp) > agent_skills.version_tuple(version):
-        raise Refused(
+        raise Blocked(
             f"its {SKILL_FILE} is stamped {stamp}, newer than this package's {version} (--force replaces it)"
         )
 
 
-def _open_below(root: Path, directory: Path) -> int:
-    """A descriptor of ``directory``, reached from the resolved ``root`` one component at a time, each made
-    where it is missing, none followed if it is a link: a component swapped for a link after the checks fails
-    the write instead of sending it elsewhere."""
-    descriptor = os.open(root, os.O_RDONLY | os.O_DIRECTORY | os.O_NOFOLLOW)
+def _uninstall_one(root: tree.SkillsDir | None, skill: str, options: Options) -> str:
+    if root is None or (opened := tree.open_skill(root, skill, making=False)) is None:
+        return "absent"
+    real, directory = opened
     try:
-        for part in directory.relative_to(root).parts:
-            with contextlib.suppress(FileExistsError):
-                os.mkdir(part, dir_fd=descriptor)
-            parent, descriptor = (
-                descriptor,
-                os.open(part, os.O_RDONLY | os.O_DIRECTORY | os.O_NOFOLLOW, dir_fd=descriptor),
+        found = tree.read_installed(root, real, directory, SKILL_FILE, None)
+        if found is not None and found.link:
+            raise Blocked(f"its {SKILL_FILE} is a link, which this package never writes")
+        if found is not None and found.stamp is None and not options.force:
+            raise Blocked(
+                f"its {SKILL_FILE} has no version stamp, so it may not be this package's (--force removes it)"
             )
-            os.close(parent)
-    except BaseException:
-        os.close(descriptor)
-        raise
-    return descriptor
+        if options.dry_run:
+            return "absent" if found is None else "would remove"
+        _remove_stale_temporaries(directory, SKILL_FILE)
+        if found is None:
+            return "absent"
+        tree.unchanged(directory, SKILL_FILE, found, root.shown / skill / SKILL_FILE)
+        os.unlink(SKILL_FILE, dir_fd=directory)
+    finally:
+        os.close(directory)
+    # Only when nothing else is left in it; rmdir removes no link, and so never a link's target.
+    with contextlib.suppress(OSError):
+        os.rmdir(skill, dir_fd=root.fd)
+    return "removed"
 
 
-def _replace(directory: int, target: Path, data: bytes, stamp: str | None) -> None:
-    """Replace ``target``, in the open ``directory`` (or a link in its place, never what the link points to),
-    atomically. A failure, an interruption included, leaves the old file as it was and no temporary file
-    behind."""
-    temporary = f".{target.name}.{secrets.token_hex(4)}.tmp"
-    flags = os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW
-    descriptor = os.open(temporary, flags, 0o666, dir_fd=directory)
+def _remove_stale_temporaries(directory: int, name: str) -> None:
+    """Under the lock no other install is writing, so a temporary of the package's found here was left by a
+    process killed mid-write (SIGKILL cannot be caught)."""
+    with os.scandir(directory) as entries:
+        stale = [e.name for e in entries if _is_temporary(e.name, name) and e.is_file(follow_symlinks=False)]
+    for entry in stale:
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(entry, dir_fd=directory)
+
+
+def _is_temporary(entry: str, name: str) -> bool:
+    match = _TEMPORARY.fullmatch(entry)
+    return match is not None and match[1] == name
+
+
+@contextlib.contextmanager
+def _signals_held() -> Iterator[None]:
+    """Holds back SIGINT, SIGTERM and SIGHUP: they are delivered when the block ends, the temporary file
+    renamed or removed by then. Asking for the mask first runs the handler of a signal already due,
+    before the window opens."""
+    previous = signal.pthread_sigmask(signal.SIG_BLOCK, ())
     try:
-        with os.fdopen(descriptor, "wb") as file:
-            file.write(data)
-            file.flush()
-            os.fsync(file.fileno())
-        # The survey must read back exactly the version written; a version it cannot read is a fault of
-        # the package, caught before any installed file changes.
-        if stamp is not None and agent_skills.read_stamp(target.with_name(temporary)) != stamp:
-            raise Refused(f"the package's version {stamp!r} does not read back as a stamp")
-        os.replace(temporary, target.name, src_dir_fd=directory, dst_dir_fd=directory)
-    except BaseException:
-        with contextlib.suppress(OSError):
-            os.unlink(temporary, dir_fd=directory)
-        raise
+        signal.pthread_sigmask(signal.SIG_BLOCK, _HELD)
+        yield
+    finally:
+        signal.pthread_sigmask(signal.SIG_SETMASK, previous)
+
+
+def _replace(
+    directory: int, name: str, data: bytes, found: tree.Found | None, *, place: Path, version: str
+) -> None:
+    """Replace ``name`` in the open ``directory`` (or a link in its place, never what the link points to)
+    atomically, provided it is still what was read as ``found``. A failure, an interruption included,
+    leaves the old file as it was and no temporary file behind."""
+    temporary = f".{name}.{secrets.token_hex(4)}.tmp"
+    flags = os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW | os.O_CLOEXEC
+    with _signals_held():
+        descriptor = os.open(temporary, flags, 0o666, dir_fd=directory)
+        try:
+            with os.fdopen(descriptor, "wb") as file:
+                file.write(data)
+                file.flush()
+                os.fsync(file.fileno())
+                # The survey must read back exactly the version written; a version it cannot read is a
+                # fault of the package, caught before any installed file changes.
+                if name == SKILL_FILE and tree.stamp_of(file.fileno()) != version:
+                    raise OSError(f"the package's version {version!r} does not read back as a stamp")
+            tree.unchanged(directory, name, found, place)
+            os.replace(temporary, name, src_dir_fd=directory, dst_dir_fd=directory)
+        except BaseException:
+            with contextlib.suppress(OSError):
+                os.unlink(temporary, dir_fd=directory)
+            raise
     # Makes the rename durable; some file systems cannot sync a directory, and the file is whole anyway.
     with contextlib.suppress(OSError):
         os.fsync(directory)
