@@ -26,7 +26,8 @@ struct FunctionObject {
     PyObject* kwdefaults;   // dict or null
     PyObject* dict;
     PyObject* weakrefs;
-    PyObject* code;  // __code__, made when first asked for
+    PyObject* code;         // __code__, made when first asked for
+    PyObject* type_params;  // __type_params__ (from 3.12), null for the empty tuple
     PyObject* parameter_names[max_parameters];
 };
 
@@ -337,6 +338,7 @@ int function_traverse(PyObject* self, visitproc visit, void* arg) {
     Py_VISIT(f->kwdefaults);
     Py_VISIT(f->dict);
     Py_VISIT(f->code);
+    Py_VISIT(f->type_params);
     return 0;
 }
 
@@ -351,6 +353,7 @@ int function_clear(PyObject* self) {
     Py_CLEAR(f->kwdefaults);
     Py_CLEAR(f->dict);
     Py_CLEAR(f->code);
+    Py_CLEAR(f->type_params);
     return 0;
 }
 
@@ -367,6 +370,24 @@ void function_dealloc(PyObject* self) {
     Py_DECREF(type);
 }
 
+// A function of the module has no free variables.
+PyObject* get_closure(PyObject*, void*) { Py_RETURN_NONE; }
+
+#if PY_VERSION_HEX >= 0x030C0000
+PyObject* get_type_params(PyObject* self, void*) {
+    PyObject* params = as_function(self)->type_params;
+    return params != nullptr ? Py_NewRef(params) : PyTuple_New(0);
+}
+int set_type_params(PyObject* self, PyObject* value, void*) {
+    if (value == nullptr || !PyTuple_Check(value)) {
+        PyErr_SetString(PyExc_TypeError, "__type_params__ must be set to a tuple");
+        return -1;
+    }
+    Py_XSETREF(as_function(self)->type_params, Py_NewRef(value));
+    return 0;
+}
+#endif
+
 PyGetSetDef function_getset[] = {
     {"__name__", get_name, set_name, nullptr, nullptr},
     {"__qualname__", get_qualname, set_qualname, nullptr, nullptr},
@@ -375,6 +396,10 @@ PyGetSetDef function_getset[] = {
     {"__annotations__", get_annotations, set_annotations, nullptr, nullptr},
     {"__globals__", get_globals, nullptr, nullptr, nullptr},
     {"__code__", get_code, nullptr, nullptr, nullptr},
+    {"__closure__", get_closure, nullptr, nullptr, nullptr},
+#if PY_VERSION_HEX >= 0x030C0000
+    {"__type_params__", get_type_params, set_type_params, nullptr, nullptr},
+#endif
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
@@ -385,6 +410,7 @@ PyMemberDef function_members[] = {
     {"__weaklistoffset__", T_PYSSIZET, offsetof(FunctionObject, weakrefs), READONLY, nullptr},
     {"__doc__", T_OBJECT, offsetof(FunctionObject, doc), 0, nullptr},
     {"__module__", T_OBJECT, offsetof(FunctionObject, module_name), 0, nullptr},
+    {"__builtins__", T_OBJECT, offsetof(FunctionObject, builtins), READONLY, nullptr},
     {nullptr, 0, 0, 0, nullptr},
 };
 
@@ -455,6 +481,7 @@ Ref make_function(PyObject* module, const FunctionDecl& decl) {
     f->dict = nullptr;
     f->weakrefs = nullptr;
     f->code = nullptr;
+    f->type_params = nullptr;
     for (PyObject*& p : f->parameter_names) p = nullptr;
     Ref result = Ref::steal(reinterpret_cast<PyObject*>(f));
     for (int i = 0; i < decl.parameter_count; ++i) {

@@ -366,12 +366,22 @@ Ref build_class(PyObject* module, const char* name, PyObject* base, const char* 
     PyObject* ns = body.get();
     check(PyObject_SetItem(ns, str("__module__").get(), globals.lookup("__name__").get()));
     check(PyObject_SetItem(ns, str("__qualname__").get(), name_obj.get()));
+#if PY_VERSION_HEX >= 0x030D0000
+    // A class statement's line; there is no Python line to give, as for the functions' code.
+    Ref first_line = Ref::steal(PyLong_FromLong(0));
+    check(PyObject_SetItem(ns, str("__firstlineno__").get(), first_line.get()));
+#endif
     Ref annotations = Ref::steal(PyDict_New());
     check(PyObject_SetItem(ns, str("__annotations__").get(), annotations.get()));
     check(PyObject_SetItem(ns, str("__doc__").get(), str(doc).get()));
     for (const Field& field : fields)
         check(PyObject_SetItem(annotations.get(), str(field.name).get(), str(field.annotation).get()));
     for (const auto& [member, value] : members) check(PyObject_SetItem(ns, str(member).get(), value));
+#if PY_VERSION_HEX >= 0x030D0000
+    // The attributes its methods assign through `self`: the records' methods assign none.
+    Ref no_attributes = Ref::steal(PyTuple_New(0));
+    check(PyObject_SetItem(ns, str("__static_attributes__").get(), no_attributes.get()));
+#endif
     if (resolved.get() != bases.get()) check(PyObject_SetItem(ns, str("__orig_bases__").get(), bases.get()));
     return call(meta, {name_obj.get(), resolved.get(), ns});
 }

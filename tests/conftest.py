@@ -1,3 +1,4 @@
+import ast
 import importlib.util
 import logging
 import sys
@@ -59,3 +60,17 @@ def make_own_logger(name, emit):
 @pytest.fixture(scope="session")
 def own_logger():
     return make_own_logger
+
+
+@pytest.fixture(scope="session")
+def source_docs():
+    """Every documentation text of the plain formulation as its source writes it, by qualified name ("" for
+    the module's): the texts themselves, which from 3.13 the compiler no longer keeps as written."""
+    tree = ast.parse((Path(__file__).parents[1] / "bench" / "plain_agent_skills.py").read_text())
+    docs = {"": ast.get_docstring(tree, clean=False)}
+    for node in tree.body:
+        for inner in [node, *getattr(node, "body", [])] if isinstance(node, ast.ClassDef) else [node]:
+            if isinstance(inner, ast.FunctionDef | ast.ClassDef):
+                name = inner.name if inner is node else f"{node.name}.{inner.name}"
+                docs[name] = ast.get_docstring(inner, clean=False)
+    return docs

@@ -1,6 +1,7 @@
 """The agent table, the two record types and the three queries over the table."""
 
 import operator
+import sys
 import types
 
 import pytest
@@ -9,16 +10,18 @@ from zobek_lumeno.utils import agent_skills as m
 
 ALL = ["claude", "cursor-agent", "windsurf", "copilot"]
 C, CU, G, W = ".claude/skills", ".cursor/skills", ".github/skills", ".windsurf/skills"
-CLASS_FACTS = operator.attrgetter(
-    "__bases__", "__module__", "__qualname__", "__doc__", "__annotations__", "_fields", "_field_defaults"
-)
+FACTS = ["__bases__", "__module__", "__qualname__", "__annotations__", "_fields", "_field_defaults"]
+# From 3.13 a class statement also records the attributes its methods assign through `self`; the line it
+# stands on (__firstlineno__) the extension has not.
+CLASS_FACTS = operator.attrgetter(*FACTS, *(["__static_attributes__"] if sys.version_info >= (3, 13) else []))
 
 
 @pytest.mark.parametrize("name", ["SkillRoots", "InstalledSkill"])
-def test_records_are_made_as_class_statements_make_them(plain, name):
+def test_records_are_made_as_class_statements_make_them(plain, source_docs, name):
     cls, reference = getattr(m, name), getattr(plain, name)
     assert list(vars(cls)) == list(vars(reference)) and type(cls) is type(reference)
     assert CLASS_FACTS(cls) == CLASS_FACTS(reference) and cls.__orig_bases__ == reference.__orig_bases__
+    assert cls.__doc__ == source_docs[name]
     fields = [f"f{i}" for i in range(len(cls._fields))]
     record = cls(*fields)
     assert record == tuple(fields) and repr(record) == repr(reference(*fields))

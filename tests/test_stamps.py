@@ -4,6 +4,7 @@ import os
 import pathlib
 import random
 import re
+import sys
 import types
 import typing
 
@@ -94,6 +95,9 @@ def test_version_tuple_asks_anything_but_str_to_split():
 
 
 LINKS = {"out": "../outside", "hop": "../outside/back", "l1": "l2", "l2": "l1"}
+# A loop of links, as the host's resolve takes it: RuntimeError in both modes until 3.12; from 3.13 the
+# OSError of ELOOP when strict, and the path as it stands when not.
+OLD_LOOPS = sys.version_info < (3, 13)
 
 
 @pytest.mark.parametrize(
@@ -106,7 +110,8 @@ LINKS = {"out": "../outside", "hop": "../outside/back", "l1": "l2", "l2": "l1"}
         ("missing", True, FileNotFoundError),
         ("missing/x/../y", False, "skills/missing/y"),
         ("out/missing", False, None),
-        ("l1", False, RuntimeError),
+        ("l1", True, RuntimeError if OLD_LOOPS else OSError),
+        ("l1", False, RuntimeError if OLD_LOOPS else "skills/l1"),
     ],
 )
 def test_inside_root(tmp_path, rel, strict, expected):

@@ -33,9 +33,9 @@ def function(module, qualname):
     return getattr(found, "fget", found)
 
 
-def test_names_and_values(plain, monkeypatch):
+def test_names_and_values(plain, source_docs, monkeypatch):
     assert not hasattr(m, "__all__") and sys.modules[MODULE] is m
-    assert (m.__name__, m.__package__, m.__doc__) == (MODULE, "zobek_lumeno.utils", plain.__doc__)
+    assert (m.__name__, m.__package__, m.__doc__) == (MODULE, "zobek_lumeno.utils", source_docs[""])
     assert list(m.__annotations__.items()) == list(plain.__annotations__.items())
     for name, value in vars(plain).items():
         if not name.startswith("__") and name not in QUALNAMES + ["InstalledSkill", "SkillRoots", "logger"]:
@@ -203,13 +203,18 @@ def pydoc_body(f):
 
 
 @pytest.mark.parametrize("qualname", QUALNAMES)
-def test_functions_as_python_makes_them(plain, qualname):
+def test_functions_as_python_makes_them(plain, source_docs, qualname):
     f, reference = function(m, qualname), function(plain, qualname)
     facts = [
-        (g.__name__, g.__qualname__, g.__module__, g.__doc__, g.__defaults__, g.__kwdefaults__)
+        (g.__name__, g.__qualname__, g.__module__, g.__defaults__, g.__kwdefaults__) for g in (f, reference)
+    ]
+    assert facts[0] == facts[1] and f.__doc__ == source_docs[qualname]
+    # What every Python function carries besides (__type_params__ from 3.12).
+    carried = [
+        [getattr(g, n, "absent") for n in ("__builtins__", "__closure__", "__type_params__")]
         for g in (f, reference)
     ]
-    assert facts[0] == facts[1]
+    assert carried[0] == carried[1] and set(dir(f)) - {"__vectorcalloffset__"} == set(dir(reference))
     assert list(f.__annotations__.items()) == list(reference.__annotations__.items())
     assert str(inspect.signature(f)) == str(inspect.signature(reference)) and f.__globals__ is vars(m)
     # The annotation texts evaluated in the module's namespace, as for a function of its source.
@@ -234,7 +239,7 @@ def test_functions_as_python_makes_them(plain, qualname):
         assert all(pickle.loads(pickle.dumps(f, p)) is f for p in range(pickle.HIGHEST_PROTOCOL + 1))
 
 
-def test_function_attributes_and_binding(monkeypatch, tmp_path):
+def test_function_attributes_and_binding(monkeypatch, outcome, tmp_path):
     f = m.read_roots
     f.note = "kept"
     assert f.__dict__ == {"note": "kept"}
@@ -245,6 +250,15 @@ def test_function_attributes_and_binding(monkeypatch, tmp_path):
             setattr(f, attribute, bad)
     for attribute in ("__doc__", "__module__"):  # writable, as a Python function's are
         monkeypatch.setattr(f, attribute, "rebound")
+    if sys.version_info >= (3, 12):
+        monkeypatch.setattr(f, "__type_params__", ("T",))
+        (python := lambda: None).__type_params__ = ("T",)
+        for value in [[], None]:
+            assert outcome(setattr, f, "__type_params__", value) == outcome(
+                setattr, python, "__type_params__", value
+            )
+        assert outcome(delattr, f, "__type_params__") == outcome(delattr, python, "__type_params__")
+        assert f.__type_params__ == ("T",)
     f.__annotations__, annotations = None, f.__annotations__
     assert f.__annotations__ == {} and f.__annotations__ is f.__annotations__  # made anew, once, as in Python
     f.__annotations__ = annotations
