@@ -405,6 +405,33 @@ Outcome stat_loop(const std::string& path) {
     return Outcome::of(Outcome::done);
 }
 
+// One component, `newpath`, as realpath meets it: lstat; a component that is no link is stepped
+// into, a link already resolved in this call is replaced by where it led; a link met again while
+// it is being resolved is stat'ed, strictly, to raise the loop. `follow` is left true for a link to
+// read and resolve now.
+Outcome meet(std::string& path, std::string& newpath, Resolution& r, bool& follow) {
+    follow = false;
+    if (Outcome o = examine(newpath, r, follow); o.kind != Outcome::done || !follow) {
+        if (o.kind == Outcome::done) path = std::move(newpath);
+        return o;
+    }
+    auto seen = r.seen.find(newpath);
+    if (seen == r.seen.end()) return Outcome::of(Outcome::done);
+    if (seen->second) {
+        path = *seen->second;
+        follow = false;
+        return Outcome::of(Outcome::done);
+    }
+    if (Outcome o = stat_loop(newpath); o.kind != Outcome::done) return o;
+#if PY_VERSION_HEX >= 0x030D0000
+    // The stat found no loop after all: 3.13 takes the link as it stands.
+    path = std::move(newpath);
+    follow = false;
+#endif
+    // Before 3.13 the host resolves it once more, deeper.
+    return Outcome::of(Outcome::done);
+}
+
 // The working directory, as os.getcwd gives it; one longer than PATH_MAX fails here with ERANGE,
 // which the host's call does not: the plain route answers then.
 Outcome working_directory(std::string& cwd) {
@@ -449,21 +476,9 @@ Outcome realpath(std::string& path, const std::string& rest, Resolution& r) {
         std::string newpath = path;
         if (newpath != "/") newpath += '/';
         newpath += name;
-        bool is_link = false;
-        if (Outcome o = examine(newpath, r, is_link); o.kind != Outcome::done) return o;
-        if (!is_link) {
-            path = std::move(newpath);
-            continue;
-        }
-        if (auto seen = r.seen.find(newpath); seen != r.seen.end()) {
-            if (seen->second) {
-                path = *seen->second;
-                continue;
-            }
-            if (Outcome o = stat_loop(newpath); o.kind != Outcome::done) return o;
-            path = std::move(newpath);
-            continue;
-        }
+        bool follow = false;
+        if (Outcome o = meet(path, newpath, r, follow); o.kind != Outcome::done) return o;
+        if (!follow) continue;
         std::string target;
         if (Outcome o = read_link(newpath, target); o.kind != Outcome::done) return o;
         r.seen.emplace(newpath, std::nullopt);
@@ -562,20 +577,9 @@ Outcome join_real(std::string& path, const std::string& rest, Resolution& r) {
         }
         std::string newpath = path;
         join(newpath, name);
-        bool is_link = false;
-        if (Outcome o = examine(newpath, r, is_link); o.kind != Outcome::done) return o;
-        if (!is_link) {
-            path = std::move(newpath);
-            continue;
-        }
-        if (auto seen = r.seen.find(newpath); seen != r.seen.end()) {
-            if (seen->second) {
-                path = *seen->second;
-                continue;
-            }
-            // A stat that succeeds lets the host resolve the link once more, deeper.
-            if (Outcome o = stat_loop(newpath); o.kind != Outcome::done) return o;
-        }
+        bool follow = false;
+        if (Outcome o = meet(path, newpath, r, follow); o.kind != Outcome::done) return o;
+        if (!follow) continue;
         r.seen[newpath] = std::nullopt;
         std::string target;
         if (Outcome o = read_link(newpath, target); o.kind != Outcome::done) return o;

@@ -106,6 +106,10 @@ def test_survey_of_random_trees(tmp_path, monkeypatch, plain, own_logger, seed):
     if seed % 3 == 0:  # a relative root, against the current directory
         monkeypatch.chdir(repo.parent)
         repo = pathlib.Path(repo.name)
+    elif seed % 3 == 1:  # one that climbs first
+        (repo.parent / "up/down").mkdir(parents=True)
+        monkeypatch.chdir(repo.parent / "up/down")
+        repo = pathlib.Path("../..", repo.name)
     native = survey(m, repo, own_logger)
     assert native == survey(m, repo, own_logger, plain_route=True) == survey(plain, repo, own_logger)
     assert all(r[2] != "6.6.6" for r in native[0])
@@ -331,24 +335,31 @@ def test_read_stamp_opens_once_after_its_event(skills, plain, outcome, hook, nam
     assert found == read(plain) and found[1] == [str(skills / name)]
 
 
-def test_a_link_swapped_in_at_the_open_event_is_not_followed(skills):
+@pytest.mark.parametrize("skill_md", [None, "L/../../lumeno/L"], ids=["a file", "a link met twice"])
+def test_a_link_swapped_in_at_the_open_event_is_not_followed(skills, skill_md):
     """The native route is taken (whatever the version), and opens without following a link: a hook that
     swaps the file for a link out just before the open never gets the outside file read. The host's objects,
     opening by name, would read it."""
     (skills.parent / "SKILL.md").write_text(OUTSIDE)
-    (skills / "lumeno/out").symlink_to(skills.parent / "SKILL.md")
+    real = skills / "lumeno/SKILL.md"
+    if skill_md:  # the file reached through a link the resolution already followed once
+        real.unlink()
+        (skills / "lumeno/L").symlink_to("../store/SKILL.md")
+        (skills / "lumeno/SKILL.md").symlink_to(skill_md)
+        real = skills / "store/SKILL.md"
+    (real.parent / "out").symlink_to(skills.parent / "SKILL.md")
     swapped = []
 
     def swap(args):
-        if args[0] == str(skills / "lumeno/SKILL.md") and not swapped:
-            swapped.append(os.replace(skills / "lumeno/out", args[0]))
+        if args[0] == str(real) and not swapped:
+            swapped.append(os.replace(real.parent / "out", args[0]))
 
     HOOK.append(swap)
     try:
-        found = m._stamps_in(skills)
+        found = m._stamps_in(skills)["lumeno"]
     finally:
         HOOK.clear()
-    assert swapped and found == {"lumeno": None, "lumeno-map": "2.0", "lumeno-wiki": None}
+    assert swapped and found is None
 
 
 FIFO = """

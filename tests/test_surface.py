@@ -251,14 +251,15 @@ def test_function_attributes_and_binding(monkeypatch, outcome, tmp_path):
     for attribute in ("__doc__", "__module__"):  # writable, as a Python function's are
         monkeypatch.setattr(f, attribute, "rebound")
     if sys.version_info >= (3, 12):
-        monkeypatch.setattr(f, "__type_params__", ("T",))
-        (python := lambda: None).__type_params__ = ("T",)
+        params = (typing.TypeVar("T"),)
+        monkeypatch.setattr(f, "__type_params__", params)
+        (python := lambda: None).__type_params__ = params
         for value in [[], None]:
             assert outcome(setattr, f, "__type_params__", value) == outcome(
                 setattr, python, "__type_params__", value
             )
         assert outcome(delattr, f, "__type_params__") == outcome(delattr, python, "__type_params__")
-        assert f.__type_params__ == ("T",)
+        assert f.__type_params__ is params
     f.__annotations__, annotations = None, f.__annotations__
     assert f.__annotations__ == {} and f.__annotations__ is f.__annotations__  # made anew, once, as in Python
     f.__annotations__ = annotations
