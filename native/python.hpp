@@ -6,6 +6,13 @@
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
+// Where no public call serves, the module reads a few of the interpreter's own structures (each
+// use says which and why); their layout is checked for these versions, and a newer one must be
+// checked again before it builds.
+#if PY_VERSION_HEX < 0x030B0000 || PY_VERSION_HEX >= 0x030E0000
+#error "agent_skills is made for CPython 3.11 to 3.13"
+#endif
+
 #include <array>
 #include <initializer_list>
 #include <utility>
