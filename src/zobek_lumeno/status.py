@@ -256,8 +256,8 @@ def summary(report: Report, project_root: Path, home: Path | None) -> list[str]:
         default = agent_skills.DEFAULT_AGENTS
         others = ", ".join(a for a in agent_skills.skill_capable_agents() if a not in default)
         lines += [
-            f"Nothing of zobek-lumeno's is installed. The line below installs it for {', '.join(default)} in this",
-            f"repository; --agent AGENT (repeatable) picks other agents ({others}), --scope user the home:",
+            f"Nothing of zobek-lumeno's is installed. The line below installs it for {', '.join(default)} in this repository;",
+            f"--agent AGENT (repeatable) picks other agents ({others}), --scope user the home directory:",
             f"  {shell_line(install_command(project_root, 'project'))}",
         ]
     return lines
