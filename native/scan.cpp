@@ -508,11 +508,10 @@ std::pair<std::string, std::string> split(const std::string& path) {
     return {head, tail};
 }
 
-// posixpath.normpath.
+// posixpath.normpath of what abspath hands it here: an absolute path with one leading slash, whose
+// ".." components (a relative walk's, joined to the working directory) each remove the component
+// before them, none above the root.
 std::string normpath(const std::string& path) {
-    if (path.empty()) return ".";
-    int initial = path.front() == '/' ? 1 : 0;
-    if (path.compare(0, 2, "//") == 0 && path.compare(0, 3, "///") != 0) initial = 2;
     std::vector<std::string_view> parts;
     std::string_view rest(path);
     while (!rest.empty()) {
@@ -520,18 +519,18 @@ std::string normpath(const std::string& path) {
         const std::string_view part = rest.substr(0, slash);
         rest = slash == std::string_view::npos ? std::string_view{} : rest.substr(slash + 1);
         if (part.empty() || part == ".") continue;
-        if (part != ".." || (initial == 0 && parts.empty()) || (!parts.empty() && parts.back() == "..")) {
+        if (part != "..") {
             parts.push_back(part);
         } else if (!parts.empty()) {
             parts.pop_back();
         }
     }
-    std::string out(static_cast<std::size_t>(initial), '/');
-    for (std::size_t i = 0; i < parts.size(); ++i) {
-        if (i > 0) out += '/';
-        out += parts[i];
+    std::string out;
+    for (const std::string_view part : parts) {
+        out += '/';
+        out += part;
     }
-    return out.empty() ? "." : out;
+    return out.empty() ? "/" : out;
 }
 
 // posixpath._joinrealpath(path, rest, strict=True, seen) as 3.11 and 3.12 recurse into it for

@@ -141,9 +141,11 @@ def test_handled_errors_leave_the_callers_exception_state(base, monkeypatch, cal
     generator = steps()
     try:
         raise KeyError("the consumer's")
-    except KeyError:
+    except KeyError as handled:
         next(generator)
-    assert next(generator) == NONE
+        call(base)  # and a call made right in the handler leaves the exception being handled as it was
+        kept = sys.exc_info()[1] is handled
+    assert kept and next(generator) == NONE
     with pytest.raises(ValueError) as later:
         next(generator)
     assert later.value.__context__ is None

@@ -396,9 +396,10 @@ def test_read_stamp_of_a_fifo_waits_for_its_writer_as_the_host_does(tmp_path, mo
 
 
 @pytest.mark.skipif(not hasattr(sys, "monitoring"), reason="sys.monitoring came with 3.12")
-def test_a_monitoring_tool_sees_the_host_calls_the_plain_formulation_makes(skills, plain):
+@pytest.mark.parametrize("tool", [0, 5], ids=["the first tool", "the last tool"])
+def test_a_monitoring_tool_sees_the_host_calls_the_plain_formulation_makes(skills, plain, tool):
     def started(module):
-        seen, tool, events = [], sys.monitoring.PROFILER_ID, sys.monitoring.events.PY_START
+        seen, events = [], sys.monitoring.events.PY_START
         sys.monitoring.use_tool_id(tool, "test")
         try:
 
