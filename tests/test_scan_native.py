@@ -417,3 +417,15 @@ def test_a_monitoring_tool_sees_the_host_calls_the_plain_formulation_makes(skill
         return seen
 
     assert started(m) == started(plain) != []
+
+
+@pytest.mark.parametrize(
+    "name, value", [("SKILL_NAMES", ("\ud800",)), ("SKILL_FILE", "\ud800"), ("SKILL_FILE", "x\0")]
+)
+def test_a_name_no_path_can_carry_fails_as_from_the_plain_formulation(
+    skills, plain, outcome, monkeypatch, name, value
+):
+    for module in (m, plain):
+        monkeypatch.setattr(module, name, value)
+    found = outcome(m._stamps_in, skills)
+    assert found == outcome(plain._stamps_in, skills) and found[0] in (UnicodeEncodeError, ValueError)
