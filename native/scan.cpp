@@ -490,14 +490,10 @@ Outcome realpath(std::string& path, const std::string& rest, Resolution& r) {
 
 #else
 
-// posixpath.join(a, b) for one component, and posixpath.split.
+// posixpath.join(a, b) for a relative `name`, as every one here is, and posixpath.split.
 void join(std::string& path, std::string_view name) {
-    if (!name.empty() && name.front() == '/') {
-        path = name;
-    } else {
-        if (!path.empty() && path.back() != '/') path += '/';
-        path += name;
-    }
+    if (!path.empty() && path.back() != '/') path += '/';
+    path += name;
 }
 
 std::pair<std::string, std::string> split(const std::string& path) {

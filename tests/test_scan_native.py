@@ -6,6 +6,7 @@ import os
 import pathlib
 import random
 import re
+import resource
 import subprocess
 import sys
 import threading
@@ -255,9 +256,14 @@ def replace_file(args):
     os.replace(f"{args[0]}.new", args[0])
 
 
+def leave_no_descriptor(args):
+    resource.setrlimit(resource.RLIMIT_NOFILE, (3, resource.getrlimit(resource.RLIMIT_NOFILE)[1]))
+
+
 HOOKS = {
     "no hook": lambda args: None,
     "a hook replacing the file": replace_file,
+    "a hook leaving no descriptor": leave_no_descriptor,
     "a hook refusing": lambda args: (_ for _ in ()).throw(PermissionError(13, "refused", args[0])),
     "a hook failing": lambda args: (_ for _ in ()).throw(ValueError("not an OSError")),
 }
@@ -278,12 +284,14 @@ def test_one_open_event_before_each_file_is_opened(skills, plain, own_logger, mo
         patch.setattr(module, "SKILL_NAMES", names)
         patch.setattr(module, "SKILL_FILE", file)
         HOOK.append(lambda args: opened.append(args[0]) or hook(args))
+        limits = resource.getrlimit(resource.RLIMIT_NOFILE)
         try:
             found = module._stamps_in(directory)
         except ValueError as error:
             found = repr(error)
         finally:
             HOOK.clear()
+            resource.setrlimit(resource.RLIMIT_NOFILE, limits)
         return found, opened, [(r.args, repr(r.exc_info[1])) for r in warned]
 
     def outcomes(module, plain_route=False):
