@@ -74,6 +74,15 @@ def chosen(*args):
     return record
 
 
+class Refusing(logging.LogRecord):
+    """A record whose module, once made, cannot be named again."""
+
+    def __setattr__(self, name, value):
+        if name == "module" and "module" in vars(self):
+            raise AttributeError("the module is named once")
+        super().__setattr__(name, value)
+
+
 @pytest.mark.parametrize(
     "file, setting, pathname, module",
     [
@@ -82,8 +91,9 @@ def chosen(*args):
         *[(file, {}, file, "agent_skills") for file in ["/x/..so", "/x/.hidden.so", "/x/a.b/", "plain"]],
         ("/x/(unknown file)", {"_srcfile": None}, "(unknown file)", "(unknown file)"),  # no caller looked for
         (m.__file__, {"_logRecordFactory": chosen}, m.__file__, "chosen"),  # a factory's own choice stays
+        ("/x/a.so", {"_logRecordFactory": Refusing}, "/x/a.so", "a"),  # and a record that refuses is left so
     ],
-    ids=["extension", "no file", "..so", ".hidden.so", "a.b/", "plain", "no caller", "factory"],
+    ids=["extension", "no file", "..so", ".hidden.so", "a.b/", "plain", "no caller", "factory", "refusing"],
 )
 def test_record_names_the_module_as_its_source_file_would(
     monkeypatch, own_logger, file, setting, pathname, module
