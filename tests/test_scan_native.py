@@ -375,15 +375,21 @@ import importlib, os, pathlib, signal, sys, threading, time
 sys.path.insert(0, sys.argv[2])
 module, fifo = importlib.import_module(sys.argv[1]), pathlib.Path(sys.argv[3])
 os.mkfifo(fifo)
-main, found = threading.get_ident(), []
-signal.signal(signal.SIGUSR1, lambda signum, frame: found.append("handled"))
-def write():
+main, found, raising, released = threading.get_ident(), [], [], threading.Event()
+def handle(signum, frame):
+    found.append("handled")
+    if raising:
+        raise TimeoutError("no line came")
+signal.signal(signal.SIGUSR1, handle)
+def write(line):
     with open(fifo, "w") as end:
         time.sleep(0.3)  # the reader waits in its read by now; a signal's handler runs, and it reads on
         signal.pthread_kill(main, signal.SIGUSR1)
+        if raising:  # the read stops at once, not when the writer gives up on it
+            found.append("stopped" if released.wait(5) else "read on")
         time.sleep(0.1)
-        end.write("version: 9.9\\n")
-writer = threading.Thread(target=write)
+        end.write(line)
+writer = threading.Thread(target=write, args=["version: 9.9\\n"])
 writer.start()
 found.append(module.read_stamp(fifo))
 writer.join()
@@ -395,6 +401,15 @@ try:
     module.read_stamp(fifo)
 except TimeoutError as error:
     found.append(str(error))
+raising.append(True)  # now the handler raises while the read waits: the read stops there
+writer = threading.Thread(target=write, args=[""])
+writer.start()
+try:
+    module.read_stamp(fifo)
+except TimeoutError as error:
+    found.append(str(error))
+released.set()
+writer.join()
 print(found)
 """
 
@@ -402,11 +417,12 @@ print(found)
 @pytest.mark.parametrize("module", ["zobek_lumeno.utils.agent_skills", "plain_agent_skills"])
 def test_read_stamp_of_a_fifo_waits_for_its_writer_as_the_host_does(tmp_path, module):
     # The open blocks until a writer comes, and so does the read until it writes; a signal's handler runs
-    # meanwhile, and the wait goes on unless it raises.
+    # meanwhile, and the wait goes on unless it raises, in the open or in the read.
     bench = str(pathlib.Path(__file__).parents[1] / "bench")
     command = [sys.executable, "-c", FIFO, module, bench, str(tmp_path / "fifo")]
     done = subprocess.run(command, capture_output=True, text=True, timeout=30)
-    assert (done.returncode, done.stderr, done.stdout) == (0, "", "['handled', '9.9', 'no writer came']\n")
+    expected = ["handled", "9.9", "no writer came", "handled", "no line came", "stopped"]
+    assert (done.returncode, done.stderr, done.stdout) == (0, "", f"{expected}\n")
 
 
 @pytest.mark.skipif(not hasattr(sys, "monitoring"), reason="sys.monitoring came with 3.12")
