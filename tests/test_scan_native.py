@@ -450,12 +450,21 @@ def test_a_monitoring_tool_sees_the_host_calls_the_plain_formulation_makes(skill
 
 
 @pytest.mark.parametrize(
-    "name, value", [("SKILL_NAMES", ("\ud800",)), ("SKILL_FILE", "\ud800"), ("SKILL_FILE", "x\0")]
+    "name, value, missing",
+    [
+        ("SKILL_NAMES", ("\ud800",), False),
+        ("SKILL_FILE", "\ud800", False),
+        ("SKILL_FILE", "x\0", False),
+        ("SKILL_NAMES", (["un", "hashable"], "lumeno"), True),  # met first, as the missing directory is met
+    ],
+    ids=["lone surrogate skill", "lone surrogate file", "NUL", "unhashable skill, no directory"],
 )
 def test_a_name_no_path_can_carry_fails_as_from_the_plain_formulation(
-    skills, plain, outcome, monkeypatch, name, value
+    skills, plain, outcome, monkeypatch, name, value, missing
 ):
     for module in (m, plain):
         monkeypatch.setattr(module, name, value)
-    found = outcome(m._stamps_in, skills)
-    assert found == outcome(plain._stamps_in, skills) and found[0] in (UnicodeEncodeError, ValueError)
+    directory = skills / "gone" if missing else skills
+    found = outcome(m._stamps_in, directory)
+    assert found == outcome(plain._stamps_in, directory)
+    assert found[0] in (UnicodeEncodeError, ValueError, TypeError)
