@@ -468,3 +468,13 @@ def test_a_name_no_path_can_carry_fails_as_from_the_plain_formulation(
     found = outcome(m._stamps_in, directory)
     assert found == outcome(plain._stamps_in, directory)
     assert found[0] in (UnicodeEncodeError, ValueError, TypeError)
+
+
+def test_a_host_method_rebound_to_a_descriptor_around_it_is_not_taken_for_it(
+    skills, plain, outcome, monkeypatch
+):
+    # A property whose getter is the original function (and whose setter is the paths' class itself) is no
+    # method bound to that class: the scan meets it as the plain formulation does.
+    monkeypatch.setattr(pathlib.Path, "is_file", property(pathlib.Path.is_file, type(skills)))
+    found = outcome(m._stamps_in, skills)
+    assert found == outcome(plain._stamps_in, skills) and found[0] is TypeError
