@@ -198,6 +198,17 @@ def test_a_logging_package_not_registered_leaves_the_logger_to_log_by_itself(mon
     assert [(r.msg, r.args, r.funcName) for r in made] == [(MSG, ("x",), sys._getframe().f_code.co_name)]
 
 
+@pytest.mark.parametrize("name", ["currentframe", "_srcfile"])
+def test_a_logging_package_missing_a_name_it_logs_with_fails_as_from_python(
+    monkeypatch, own_logger, plain, outcome, name
+):
+    for module in (m, plain):
+        monkeypatch.setattr(module, "logger", own_logger("bare", lambda record: None))
+    monkeypatch.delattr(logging, name)
+    found = outcome(m._say_unreadable, "x")
+    assert found == outcome(plain._say_unreadable, "x")
+
+
 def codes(tb):
     return [] if tb is None else [tb.tb_frame.f_code, *codes(tb.tb_next)]
 
