@@ -798,7 +798,10 @@ std::optional<Ref> native_stamp(const Context& cx, Root& root, PyObject* skill) 
         PyErr_Restore(pending[0].release(), pending[1].release(), pending[2].release());
         return skill_failure(cx, inner, path.get());
     };
-    const std::string rest = *name + "/" + *file_name;
+    // What to resolve below the root: the skill's file, and once its open event has been
+    // raised, the real path that event named, which is all the host's open would then open.
+    std::string rest = *name + "/" + *file_name;
+    bool audited = false;
     const int nesting = nesting_allowed(Resolver::skill);
     for (int attempt = 0; attempt < max_attempts; ++attempt) {
         SkillFile file;
@@ -819,8 +822,12 @@ std::optional<Ref> native_stamp(const Context& cx, Root& root, PyObject* skill) 
             set_host_error(o, true);
             return failure_in(cx.held(Held::own_inside_root));
         }
-        // read_stamp(real): the open event, the open, the read.
-        if (!audit_open(fs_text(file.real).get())) return failure_in(cx.held(Held::own_read_stamp));
+        // read_stamp(real): the open event, once, the open, the read.
+        if (!audited) {
+            if (!audit_open(fs_text(file.real).get())) return failure_in(cx.held(Held::own_read_stamp));
+            audited = true;
+            rest = file.real.substr(root.path == "/" ? 1 : root.path.size() + 1);
+        }
         Fd fd;
         {
             WithoutGil unlocked;

@@ -7,6 +7,7 @@ import pathlib
 import random
 import re
 import resource
+import shutil
 import subprocess
 import sys
 import threading
@@ -256,6 +257,21 @@ def replace_file(args):
     os.replace(f"{args[0]}.new", args[0])
 
 
+def replace_directory(args):
+    # Its directory moved away and emptied, a new one with a newer file in its place: the old directory's
+    # descriptor no longer finds the name. The link that led to the store's file now leads nowhere: the
+    # host opens the path the event named, not the skill's.
+    file = pathlib.Path(args[0])
+    if file.name == "SKILL.md":
+        old = file.parent.rename(f"{file.parent}.old")
+        file.parent.mkdir()
+        file.write_text("version: 3.0\n")
+        shutil.rmtree(old)
+        if file.parent.name == "store":
+            (file.parent.parent / "lumeno-map/SKILL.md").unlink()
+            (file.parent.parent / "lumeno-map/SKILL.md").symlink_to("../lumeno-wiki/SKILL.md")
+
+
 def leave_no_descriptor(args):
     resource.setrlimit(resource.RLIMIT_NOFILE, (3, resource.getrlimit(resource.RLIMIT_NOFILE)[1]))
 
@@ -263,6 +279,7 @@ def leave_no_descriptor(args):
 HOOKS = {
     "no hook": lambda args: None,
     "a hook replacing the file": replace_file,
+    "a hook replacing its directory": replace_directory,
     "a hook leaving no descriptor": leave_no_descriptor,
     "a hook refusing": lambda args: (_ for _ in ()).throw(PermissionError(13, "refused", args[0])),
     "a hook failing": lambda args: (_ for _ in ()).throw(ValueError("not an OSError")),
@@ -274,8 +291,8 @@ sys.addaudithook(lambda event, args: HOOK and event == "open" and args[1] == "r"
 @pytest.mark.parametrize("hook", HOOKS.values(), ids=HOOKS)
 def test_one_open_event_before_each_file_is_opened(skills, plain, own_logger, monkeypatch, hook):
     """On each route, as from the plain formulation: the event comes first and once, so a hook that swaps
-    the file is read after it and one that refuses is met as a failed open; /proc/<pid>/mem, whose read
-    fails once it is open, is opened once."""
+    the file, or its directory, has what it left read and one that refuses is met as a failed open;
+    /proc/<pid>/mem, whose read fails once it is open, is opened once."""
 
     def scan(patch, module, directory, names, file):
         warned, opened = [], []
@@ -297,6 +314,8 @@ def test_one_open_event_before_each_file_is_opened(skills, plain, own_logger, mo
     def outcomes(module, plain_route=False):
         (skills / "lumeno/SKILL.md").write_text("version: 1.0\n")
         (skills / "store/SKILL.md").write_text("version: 2.0\n")
+        (skills / "lumeno-map/SKILL.md").unlink()
+        (skills / "lumeno-map/SKILL.md").symlink_to("../store/SKILL.md")
         with monkeypatch.context() as patch:
             if plain_route:  # an equal is_file of the tests' own: the host's route
                 patch.setattr(pathlib.Path, "is_file", lambda self, real=pathlib.Path.is_file: real(self))
@@ -309,7 +328,7 @@ def test_one_open_event_before_each_file_is_opened(skills, plain, own_logger, mo
     assert native == outcomes(m, plain_route=True) == outcomes(plain)
     (stamps, opened, _), (_, [mem], mem_warned) = native
     assert opened and len(opened) == len(set(opened)) and mem.endswith("/mem") and len(mem_warned) <= 1
-    if hook is replace_file:
+    if hook in (replace_file, replace_directory):
         assert stamps == {"lumeno": "3.0", "lumeno-map": "3.0", "lumeno-wiki": None}
 
 
@@ -343,19 +362,23 @@ def test_read_stamp_opens_once_after_its_event(skills, plain, outcome, hook, nam
     assert found == read(plain) and found[1] == [str(skills / name)]
 
 
+@pytest.mark.parametrize("inside, stamp", [(False, None), (True, "3.0")], ids=["out", "inside"])
 @pytest.mark.parametrize("skill_md", [None, "L/../../lumeno/L"], ids=["a file", "a link met twice"])
-def test_a_link_swapped_in_at_the_open_event_is_not_followed(skills, skill_md):
+def test_a_link_swapped_in_at_the_open_event_is_not_followed(skills, skill_md, inside, stamp):
     """The native route is taken (whatever the version), and opens without following a link: a hook that
     swaps the file for a link out just before the open never gets the outside file read. The host's objects,
-    opening by name, would read it."""
+    opening by name, would read it. A link to a file inside is resolved again, and that file read, as the
+    host reads it."""
     (skills.parent / "SKILL.md").write_text(OUTSIDE)
+    (skills / "spare").mkdir()
+    (skills / "spare/SKILL.md").write_text("version: 3.0\n")
     real = skills / "lumeno/SKILL.md"
     if skill_md:  # the file reached through a link the resolution already followed once
         real.unlink()
         (skills / "lumeno/L").symlink_to("../store/SKILL.md")
         (skills / "lumeno/SKILL.md").symlink_to(skill_md)
         real = skills / "store/SKILL.md"
-    (real.parent / "out").symlink_to(skills.parent / "SKILL.md")
+    (real.parent / "out").symlink_to(skills / "spare/SKILL.md" if inside else skills.parent / "SKILL.md")
     swapped = []
 
     def swap(args):
@@ -367,7 +390,7 @@ def test_a_link_swapped_in_at_the_open_event_is_not_followed(skills, skill_md):
         found = m._stamps_in(skills)["lumeno"]
     finally:
         HOOK.clear()
-    assert swapped and found is None
+    assert swapped and found == stamp
 
 
 FIFO = """
