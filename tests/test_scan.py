@@ -198,6 +198,33 @@ def test_a_logging_package_not_registered_leaves_the_logger_to_log_by_itself(mon
     assert [(r.msg, r.args, r.funcName) for r in made] == [(MSG, ("x",), sys._getframe().f_code.co_name)]
 
 
+LOOKED_UP = []
+
+
+class Watched(logging.Logger):
+    """A logger with an attribute lookup of its own, which sees every name looked up on it."""
+
+    def __getattribute__(self, name):
+        LOOKED_UP.append(name)
+        return super().__getattribute__(name)
+
+
+def test_a_logger_with_its_own_attribute_lookup_is_asked_as_by_python(monkeypatch, plain):
+    # Its warning may be the logging package's own; only asking it by name can tell, so it is asked.
+    seen = []
+    for module in (m, plain):
+        logger = Watched("watched")
+        handler = logging.Handler()
+        handler.emit = lambda record: None
+        logger.addHandler(handler)
+        monkeypatch.setattr(module, "logger", logger)
+        monkeypatch.setattr(module, "_UNREADABLE", set())
+        LOOKED_UP.clear()
+        module._say_unreadable("x")
+        seen.append(LOOKED_UP[:])
+    assert seen[0] == seen[1] and seen[0][0] == "warning"
+
+
 @pytest.mark.parametrize("name", ["currentframe", "_srcfile"])
 def test_a_logging_package_missing_a_name_it_logs_with_fails_as_from_python(
     monkeypatch, own_logger, plain, outcome, name

@@ -448,6 +448,26 @@ def test_read_stamp_of_a_fifo_waits_for_its_writer_as_the_host_does(tmp_path, mo
     assert (done.returncode, done.stderr, done.stdout) == (0, "", f"{expected}\n")
 
 
+@pytest.mark.parametrize("install", [sys.setprofile, sys.settrace], ids=["a profiler", "a tracer"])
+def test_a_profiler_or_tracer_sees_the_host_calls_the_plain_formulation_makes(skills, plain, install):
+    def started(module):
+        seen = []
+
+        def record(frame, event, arg):
+            if event == "call" and any(name in frame.f_code.co_filename for name in ("pathlib", "posixpath")):
+                seen.append(frame.f_code.co_qualname)
+
+        directory = pathlib.Path(str(skills))  # a path of its own: none has cached its parts
+        install(record)
+        try:
+            module._stamps_in(directory)
+        finally:
+            install(None)
+        return seen
+
+    assert started(m) == started(plain) != []
+
+
 @pytest.mark.skipif(not hasattr(sys, "monitoring"), reason="sys.monitoring came with 3.12")
 @pytest.mark.parametrize("tool", [0, 5], ids=["the first tool", "the last tool"])
 def test_a_monitoring_tool_sees_the_host_calls_the_plain_formulation_makes(skills, plain, tool):
