@@ -479,7 +479,7 @@ extern "C" PyMODINIT_FUNC PyInit_agent_skills() {
 #if PY_VERSION_HEX < 0x030C0000
     // The interpreter names the module it is loading; keep the full dotted name. It is handed
     // over only in this private variable, which the import machinery sets for the duration of
-    // the entry point; from 3.12 no extension can read it, and the spec alone names the module.
+    // the entry point; from 3.12 no extension can read it, and the module's import spec alone names it.
     if (module_def.m_name == nullptr) {
         if (_Py_PackageContext != nullptr && std::strrchr(_Py_PackageContext, '.') != nullptr)
             module_name() = _Py_PackageContext;
