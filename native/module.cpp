@@ -451,7 +451,7 @@ std::string& module_name() {
 PyModuleDef module_def = {
     PyModuleDef_HEAD_INIT,
 #if PY_VERSION_HEX >= 0x030C0000
-    "agent_skills",  // the module itself is named by its import's spec
+    "agent_skills",  // the import machinery gives the module its full name
 #else
     nullptr,  // set from the import's package context in the entry point
 #endif
@@ -479,7 +479,7 @@ extern "C" PyMODINIT_FUNC PyInit_agent_skills() {
 #if PY_VERSION_HEX < 0x030C0000
     // The interpreter names the module it is loading; keep the full dotted name. It is handed
     // over only in this private variable, which the import machinery sets for the duration of
-    // the entry point; from 3.12 no extension can read it, and the module's import spec alone names it.
+    // the entry point; from 3.12 no extension can read it, and the import machinery alone names it.
     if (module_def.m_name == nullptr) {
         if (_Py_PackageContext != nullptr && std::strrchr(_Py_PackageContext, '.') != nullptr)
             module_name() = _Py_PackageContext;
